@@ -25,7 +25,7 @@ struct KORVO_EXPORT MemTrack {
 // in one allocation and reports both to MemTrack under the control block's type.
 template <typename T>
 class Allocator {
- public:
+public:
    using value_type = T;
 
    Allocator() noexcept = default;

@@ -11,7 +11,7 @@ namespace Korvo {
 // A captured call stack: up to 100 program counters, innermost first. Capturing
 // allocates nothing; pretty() resolves names through the dynamic loader.
 class KORVO_EXPORT Backtrace {
- public:
+public:
    static constexpr uint32_t maxFrames = 100;
 
    explicit Backtrace(bool unwindNow = true);
@@ -26,7 +26,7 @@ class KORVO_EXPORT Backtrace {
    // True unless KORVO_BACKTRACE_VERBOSITY is exactly "0".
    static bool verbosity();
 
- private:
+private:
    void* pcs_[maxFrames];
    uint32_t count_;
 };

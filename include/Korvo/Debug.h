@@ -30,7 +30,7 @@ namespace Korvo {
 namespace Platform {
 
 class KORVO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandler> {
- public:
+public:
    DebugHandler(const std::string& name, uint32_t levels, bool levelsFixed)
        : levels(levels), levelsPtr(&this->levels), name(name), levelsFixed(levelsFixed) {}
    DebugHandler(const DebugHandler&) = delete;
@@ -58,7 +58,7 @@ class KORVO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandl
 namespace Nyx {
 
 class KORVO_EXPORT DebugHandler : public Platform::DebugHandler {
- public:
+public:
    // Registers the handler in handlerMap_. Takes the library lock.
    DebugHandler(const std::string& name, int levels, bool levelsFixed);
    // Trace sites test *levelsWord instead of the handler's own mask; enabledIs()
@@ -79,14 +79,14 @@ class KORVO_EXPORT DebugHandler : public Platform::DebugHandler {
    // Every live handler by name (several may share one). Guarded by loco().
    static std::multimap<std::string, DebugHandler*>* handlerMap_;
 
- private:
+private:
    void registerSelf();
 };
 
 // One registry entry: levels for an exact handler name, or for every name that
 // begins with a prefix (a wildcard).
 class KORVO_EXPORT DebugControl {
- public:
+public:
    // Inserts itself in debugsMap_ or wildCardDebugsMap_; the lock must be held.
    DebugControl(const std::string& name, int levels, bool wildcard);
    ~DebugControl();
@@ -130,7 +130,7 @@ class KORVO_EXPORT DebugControl {
    static bool showLineInfo_;
    static bool showFuncName_;
 
- private:
+private:
    friend class DebugRegistry;
    std::string name_;
    uint16_t levels_;
@@ -141,7 +141,7 @@ class KORVO_EXPORT DebugControl {
 
 // A base for objects that trace: holds a shared handler.
 class KORVO_EXPORT Debuggable {
- public:
+public:
    Debuggable() = default;
    explicit Debuggable(std::shared_ptr<Platform::DebugHandler>& handler) : debug_(handler) {}
    // Throws std::bad_weak_ptr when the handler is not owned by a shared pointer.
@@ -154,7 +154,7 @@ class KORVO_EXPORT Debuggable {
    Platform::DebugHandler& debugHandler() const { return *debug_; }
    const std::shared_ptr<Platform::DebugHandler>& debugHandlerPtr() const { return debug_; }
 
- protected:
+protected:
    std::shared_ptr<Platform::DebugHandler> debug_;
 };
 
@@ -183,8 +183,12 @@ KORVO_EXPORT void clearTraceFormat() noexcept;
 KORVO_EXPORT void printAllTraceFormat() noexcept;
 
 namespace Impl {
-inline const DebugHandler& handlerRef(const DebugHandler& h) { return h; }
-inline const DebugHandler& handlerRef(const DebugHandler* h) { return *h; }
+inline const DebugHandler& handlerRef(const DebugHandler& h) {
+   return h;
+}
+inline const DebugHandler& handlerRef(const DebugHandler* h) {
+   return *h;
+}
 template <typename P>
 inline const DebugHandler& handlerRef(const std::shared_ptr<P>& h) {
    return *h;
@@ -223,26 +227,26 @@ KORVO_EXPORT std::string vformatstr(const char* file, int line, bool withClass,
 namespace Fmtrace::Impl {
 // Formats into an existing context; for the library's own formatters of its types.
 KORVO_EXPORT fmt::format_context::iterator vformat_to(fmt::format_context& context,
-                                                     fmt::string_view format,
-                                                     fmt::format_args args);
+                                                      fmt::string_view format,
+                                                      fmt::format_args args);
 }  // namespace Fmtrace::Impl
 
 // Pointer display: "NULL", or "0x" and 16 lower-case hex digits. Leaves the
 // stream's formatting state as it found it.
 class KORVO_EXPORT DisplayPointer {
- public:
+public:
    explicit DisplayPointer(const void* p) : pointer_(p) {}
    std::string toString() const;
    const void* toValue() const { return pointer_; }
 
- private:
+private:
    const void* pointer_;
 };
 KORVO_EXPORT std::ostream& operator<<(std::ostream& os, const DisplayPointer& p);
 
 namespace Impl {
 class KORVO_EXPORT DisplaySubStringBase {
- public:
+public:
    static void addToStream(std::ostream& os, const char* s, size_t offset, size_t length);
    static std::string toString(const char* s, size_t offset, size_t length);
 };
@@ -250,7 +254,7 @@ class KORVO_EXPORT DisplaySubStringBase {
 
 // Streams `length` characters of `s` starting at `offset`, unformatted.
 class DisplaySubString {
- public:
+public:
    DisplaySubString(const char* s, size_t offset, size_t length)
        : s_(s), offset_(offset), length_(length) {}
    friend std::ostream& operator<<(std::ostream& os, const DisplaySubString& d) {
@@ -258,7 +262,7 @@ class DisplaySubString {
       return os;
    }
 
- private:
+private:
    const char* s_;
    size_t offset_;
    size_t length_;
@@ -268,39 +272,37 @@ class DisplaySubString {
 
 // Stream-style trace: KORVO_TRACE(handler, level, "a " << b). `handler` may be a
 // DebugHandler reference, pointer or shared pointer.
-#define KORVO_TRACE(handler, level, msg)                                                       \
-   do {                                                                                        \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                    \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                        \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                  \
-         ::Korvo::Platform::DebugStream korvoTraceS_;                                          \
-         korvoTraceS_ << msg;                                                                  \
-         korvoTraceH_.dump(korvoTraceS_, (level), __FILE__, __LINE__, __func__);               \
-      }                                                                                        \
+#define KORVO_TRACE(handler, level, msg)                                         \
+   do {                                                                          \
+      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                      \
+          ::Korvo::Platform::Impl::handlerRef(handler);                          \
+      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                    \
+         ::Korvo::Platform::DebugStream korvoTraceS_;                            \
+         korvoTraceS_ << msg;                                                    \
+         korvoTraceH_.dump(korvoTraceS_, (level), __FILE__, __LINE__, __func__); \
+      }                                                                          \
    } while (0)
 
 // fmt-style trace: KORVO_FMTRACE(handler, level, "x={} y={}", x, y).
-#define KORVO_FMTRACE(handler, level, format, ...)                                             \
-   do {                                                                                        \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                    \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                        \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                  \
-         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, false, __func__,       \
-                                      nullptr, __LINE__, format,                               \
-                                      fmt::make_format_args(__VA_ARGS__));                     \
-      }                                                                                        \
+#define KORVO_FMTRACE(handler, level, format, ...)                                                \
+   do {                                                                                           \
+      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                       \
+          ::Korvo::Platform::Impl::handlerRef(handler);                                           \
+      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                     \
+         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, false, __func__, nullptr, \
+                                      __LINE__, format, fmt::make_format_args(__VA_ARGS__));      \
+      }                                                                                           \
    } while (0)
 
 // As KORVO_FMTRACE, prefixed with "Class::function() ".
-#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...)                            \
-   do {                                                                                        \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                    \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                        \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                  \
-         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, true, __func__,        \
-                                      className, __LINE__, format,                             \
-                                      fmt::make_format_args(__VA_ARGS__));                     \
-      }                                                                                        \
+#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...)                                \
+   do {                                                                                            \
+      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                        \
+          ::Korvo::Platform::Impl::handlerRef(handler);                                            \
+      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                      \
+         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, true, __func__, className, \
+                                      __LINE__, format, fmt::make_format_args(__VA_ARGS__));       \
+      }                                                                                            \
    } while (0)
 
 #endif

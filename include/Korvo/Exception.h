@@ -24,7 +24,7 @@ class DebugStream : public std::stringstream {};
 }  // namespace Platform
 
 class KORVO_EXPORT Exception : public std::exception {
- public:
+public:
    explicit Exception(const std::string& msg) : Exception(msg, true) {}
    Exception(const std::string& msg, bool captureBacktrace);
    ~Exception() override;
@@ -41,27 +41,24 @@ class KORVO_EXPORT Exception : public std::exception {
 
    [[noreturn]] static void throwException(const std::string& msg);
 
- private:
+private:
    Backtrace backtrace_;
    std::string message_;
    mutable std::string whatText_;
 };
 
-#define KORVO_DECLARE_EXCEPTION(Class, Base, Name)                         \
-   class KORVO_EXPORT Class : public Base {                                \
-    public:                                                                \
-      explicit Class(const std::string& msg) : Base(msg) {}                \
-      const char* name() const override { return Name; }                  \
-      [[noreturn]] static void throwException(const std::string& msg) {    \
-         throw Class(msg);                                                 \
-      }                                                                    \
+#define KORVO_DECLARE_EXCEPTION(Class, Base, Name)                                          \
+   class KORVO_EXPORT Class : public Base {                                                 \
+   public:                                                                                  \
+      explicit Class(const std::string& msg) : Base(msg) {}                                 \
+      const char* name() const override { return Name; }                                    \
+      [[noreturn]] static void throwException(const std::string& msg) { throw Class(msg); } \
    }
 
 KORVO_DECLARE_EXCEPTION(MemoryResourceException, Exception, "Korvo::MemoryResourceException");
 KORVO_DECLARE_EXCEPTION(NoPermissionException, Exception, "Korvo::NoPermissionException");
 KORVO_DECLARE_EXCEPTION(UnimplementedException, Exception, "Korvo::UnimplementedException");
-KORVO_DECLARE_EXCEPTION(InvalidInitializeException, Exception,
-                        "Korvo::InvalidInitializeException");
+KORVO_DECLARE_EXCEPTION(InvalidInitializeException, Exception, "Korvo::InvalidInitializeException");
 KORVO_DECLARE_EXCEPTION(RuntimeException, Exception, "Korvo::RuntimeException");
 KORVO_DECLARE_EXCEPTION(OutOfRangeException, Exception, "Korvo::OutOfRangeException");
 KORVO_DECLARE_EXCEPTION(CorruptionDetectedException, Exception,
@@ -73,7 +70,7 @@ KORVO_DECLARE_EXCEPTION(InvalidSizeException, CorruptionDetectedException,
 #undef KORVO_DECLARE_EXCEPTION
 
 class KORVO_EXPORT AssertException : public Exception {
- public:
+public:
    explicit AssertException(const std::string& msg) : Exception(msg) {}
    const char* name() const override { return "Korvo::AssertException"; }
    // Throws when throwing on assertion failure is on; otherwise prints the
@@ -91,13 +88,13 @@ KORVO_EXPORT bool throwOnAssertFail();
 [[noreturn]] KORVO_EXPORT void debugAndThrowAssertException(Platform::DebugHandler* handler,
                                                             unsigned level,
                                                             Platform::DebugStream& stream,
-                                                            const char* file,
-                                                            const char* function, int line);
+                                                            const char* file, const char* function,
+                                                            int line);
 [[noreturn]] KORVO_EXPORT void debugAndThrowAssertException(Platform::DebugHandler& handler,
                                                             unsigned level,
                                                             Platform::DebugStream& stream,
-                                                            const char* file,
-                                                            const char* function, int line);
+                                                            const char* file, const char* function,
+                                                            int line);
 
 // Demangles a C++ type name; on failure returns a text naming the mangled name and
 // the demangler's status.
@@ -113,14 +110,14 @@ KORVO_EXPORT std::string typeName(const char* mangled);
 #define KORVO_SOURCE_FILE __FILE__
 #endif
 
-#define KORVO_ASSERT_IN(source, cond, msg)                                               \
-   do {                                                                                  \
-      if (__builtin_expect(!(cond), 0)) {                                                \
-         ::Korvo::Platform::DebugStream korvoAssertStream_;                              \
-         korvoAssertStream_ << msg;                                                      \
-         ::Korvo::debugAndThrowAssertException(nullptr, 0, korvoAssertStream_, source,   \
-                                               __func__, __LINE__);                      \
-      }                                                                                  \
+#define KORVO_ASSERT_IN(source, cond, msg)                                                       \
+   do {                                                                                          \
+      if (__builtin_expect(!(cond), 0)) {                                                        \
+         ::Korvo::Platform::DebugStream korvoAssertStream_;                                      \
+         korvoAssertStream_ << msg;                                                              \
+         ::Korvo::debugAndThrowAssertException(nullptr, 0, korvoAssertStream_, source, __func__, \
+                                               __LINE__);                                        \
+      }                                                                                          \
    } while (0)
 
 #define KORVO_ASSERT(cond, msg) KORVO_ASSERT_IN(KORVO_SOURCE_FILE, cond, msg)

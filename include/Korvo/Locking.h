@@ -14,7 +14,7 @@ namespace Korvo {
 namespace Locking {
 
 class KORVO_EXPORT Lock {
- public:
+public:
    Lock();
    ~Lock();
    Lock(const Lock&) = delete;
@@ -27,13 +27,13 @@ class KORVO_EXPORT Lock {
    void unlock();
    bool owns_lock() const;
 
- private:
+private:
    pthread_mutex_t mutex_;
    pthread_t owner_;
 };
 
 class KORVO_EXPORT RecursiveLock {
- public:
+public:
    RecursiveLock();
    ~RecursiveLock();
    RecursiveLock(const RecursiveLock&) = delete;
@@ -47,7 +47,7 @@ class KORVO_EXPORT RecursiveLock {
    // The mutex's own recursion count (the class keeps no counter of its own).
    unsigned lockCount() const;
 
- private:
+private:
    pthread_mutex_t mutex_;
    pthread_t owner_;
 };
@@ -55,7 +55,7 @@ class KORVO_EXPORT RecursiveLock {
 // Locks on construction; unlocks on destruction unless releaseIs(false) handed
 // the held lock on to a longer-lived owner.
 class KORVO_EXPORT ConditionalGuard {
- public:
+public:
    explicit ConditionalGuard(Lock& lock);
    ~ConditionalGuard();
    ConditionalGuard(const ConditionalGuard&) = delete;
@@ -64,7 +64,7 @@ class KORVO_EXPORT ConditionalGuard {
    void releaseIs(bool release) { release_ = release; }
    bool release() const { return release_; }
 
- private:
+private:
    Lock& lock_;
    bool release_;
 };
@@ -76,7 +76,7 @@ namespace Platform {
 // The library lock: recursive, process-wide, made on first use and never
 // destroyed, so code running during exit can still take it.
 class KORVO_EXPORT Loco {
- public:
+public:
    virtual void lock() = 0;
    virtual void unlock() = 0;
    virtual bool owns_lock() const = 0;
@@ -86,13 +86,13 @@ class KORVO_EXPORT Loco {
 KORVO_EXPORT Loco& loco();
 
 class KORVO_EXPORT LocoGuard {
- public:
+public:
    LocoGuard();
    ~LocoGuard();
    LocoGuard(const LocoGuard&) = delete;
    LocoGuard& operator=(const LocoGuard&) = delete;
 
- private:
+private:
    Loco& loco_;
 };
 

@@ -31,21 +31,21 @@ namespace Platform {
 // it may rethrow to inspect it). Returning true swallows it and the loop goes on;
 // returning false (the default) rethrows it out of the running doEventLoop().
 class KORVO_EXPORT TimeoutHandler {
- public:
+public:
    virtual ~TimeoutHandler() = default;
    virtual void timeout() = 0;
    virtual bool handleTimeoutException() { return false; }
 };
 
 class KORVO_EXPORT CallbackHandler {
- public:
+public:
    virtual ~CallbackHandler() = default;
    virtual void callback() = 0;
    virtual bool handleCallbackException() { return false; }
 };
 
 class KORVO_EXPORT FdEventHandler {
- public:
+public:
    virtual ~FdEventHandler() = default;
    virtual void readFdEvent(int fd) = 0;
    virtual void writeFdEvent(int fd) = 0;
@@ -54,7 +54,7 @@ class KORVO_EXPORT FdEventHandler {
 
 // One pending expiry at most: arming an armed timer replaces its deadline.
 class KORVO_EXPORT TimerControl {
- public:
+public:
    virtual ~TimerControl() = default;
    // Fires timeout() once, `seconds` from now.
    virtual void setTimeout(double seconds) = 0;
@@ -67,7 +67,7 @@ class KORVO_EXPORT TimerControl {
 // Requests coalesce: any number of requests before the loop runs give one callback(),
 // never from inside requestCallback() itself.
 class KORVO_EXPORT CallbackControl {
- public:
+public:
    virtual ~CallbackControl() = default;
    virtual void requestCallback() = 0;
    virtual void cancelCallback() = 0;
@@ -78,7 +78,7 @@ class KORVO_EXPORT CallbackControl {
 // setWrites(true) again for the next writeFdEvent). The descriptor is switched to
 // non-blocking by setFd() and never closed by the control.
 class KORVO_EXPORT FdControl {
- public:
+public:
    virtual ~FdControl() = default;
    virtual void setReads(bool on) = 0;
    virtual void setWrites(bool on) = 0;

@@ -1,0 +1,625 @@
+#define KORVO_SOURCE_FILE "Debug"
+#include "Korvo/Debug.h"
+
+#include "Korvo/Allocator.h"
+#include "Korvo/Locking.h"
+#include "Korvo/Thread.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <vector>
+
+namespace Korvo {
+namespace Nyx {
+
+std::multimap<std::string, DebugHandler*>* DebugHandler::handlerMap_ = nullptr;
+DebugControl::DebugsMap* DebugControl::debugsMap_ = nullptr;
+DebugControl::WildCardDebugsMap* DebugControl::wildCardDebugsMap_ = nullptr;
+bool DebugControl::showDate_ = false;
+bool DebugControl::showTime_ = false;
+bool DebugControl::showPid_ = false;
+bool DebugControl::showTid_ = false;
+bool DebugControl::showHandleName_ = false;
+bool DebugControl::showLevel_ = false;
+bool DebugControl::showLineInfo_ = false;
+bool DebugControl::showFuncName_ = false;
+
+namespace {
+
+constexpr uint32_t allLevels = 1023;
+
+bool startsWith(const std::string& s, const std::string& prefix) {
+   return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+void appendLevels(std::string& out, uint32_t levels) {
+   if (levels == allLevels) {
+      out += '*';
+      return;
+   }
+   for (unsigned level = 0; level <= 9; ++level) {
+      if ((levels >> level) & 1u) {
+         out += static_cast<char>('0' + level);
+      }
+   }
+}
+
+// Every live handler whose name passes `match`; the lock must be held.
+template <typename Match>
+std::vector<DebugHandler*> handlersWhere(Match match) {
+   std::vector<DebugHandler*> found;
+   for (auto& [name, handler] : *DebugHandler::handlerMap_) {
+      if (match(name) && !handler->levelsFixed) {
+         found.push_back(handler);
+      }
+   }
+   return found;
+}
+
+}  // namespace
+
+DebugHandler::DebugHandler(const std::string& name, int levels, bool levelsFixed)
+    : Platform::DebugHandler(name, static_cast<uint32_t>(levels), levelsFixed) {
+   registerSelf();
+}
+
+DebugHandler::DebugHandler(const std::string& name, uint32_t* levelsWord, bool levelsFixed)
+    : Platform::DebugHandler(name, 0, levelsFixed) {
+   levelsPtr = levelsWord;
+   registerSelf();
+}
+
+void DebugHandler::registerSelf() {
+   // The lock is recursive: registry code that already holds it may construct
+   // handlers, and so may anyone else.
+   Platform::LocoGuard guard;
+   KORVO_SYSTEM_ASSERT(Korvo::Platform::loco().owns_lock() &&
+                       "DebugHandler::DebugHandler() no loco");
+   initialize();
+   handlerMap_->emplace(name, this);
+}
+
+DebugHandler::~DebugHandler() {
+   Platform::LocoGuard guard;
+   auto [first, last] = handlerMap_->equal_range(name);
+   for (auto it = first; it != last; ++it) {
+      if (it->second == this) {
+         handlerMap_->erase(it);
+         break;
+      }
+   }
+}
+
+void DebugHandler::initialize() {
+   if (!Platform::loco().owns_lock()) {
+      Platform::DebugStream s;
+      s << "DebugHandler::initialize() no loco";
+      debugAndThrowAssertException(nullptr, 0, s, "Debug", "initialize", __LINE__);
+   }
+   if (handlerMap_ == nullptr) {
+      handlerMap_ = new std::multimap<std::string, DebugHandler*>();
+   }
+}
+
+void DebugHandler::enabledIs(unsigned level, bool on) {
+   if (levelsPtr != &levels) {
+      Platform::DebugStream s;
+      s << "Cannot use this with a non-null levelsPtr passed to constructor";
+      debugAndThrowAssertException(nullptr, 0, s, "Debug", "enabledIs", __LINE__);
+   }
+   const uint32_t bit = 1u << (level % 32);
+   levels = on ? (levels | bit) : (levels & ~bit);
+}
+
+void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
+                        const char* func) const {
+   const std::string text = stream.str();
+   Platform::dumpDebugMsg(text.data(), text.size(), level,
+                          static_cast<const Platform::DebugHandler*>(this), file, func, line);
+}
+
+std::string DebugHandler::displayString() const {
+   std::string out = name;
+   if (levelsFixed) {
+      out += '+';
+   }
+   out += '/';
+   appendLevels(out, levels);
+   return out;
+}
+
+void DebugHandler::printAll() {
+   Platform::LocoGuard guard;
+   initialize();
+   std::cout << "Handlers:" << std::endl;
+   for (auto& [name, handler] : *handlerMap_) {
+      std::cout << "    " << handler->displayString() << std::endl;
+   }
+}
+
+DebugControl::DebugControl(const std::string& name, int levels, bool wildcard)
+    : name_(name), levels_(static_cast<uint16_t>(levels)), wildcard_(wildcard) {
+   KORVO_SYSTEM_ASSERT(Korvo::Platform::loco().owns_lock() &&
+                       "DebugControl::DebugControl() no loco");
+   initialize();
+   if (wildcard_) {
+      (*wildCardDebugsMap_)[name_] = this;
+   } else {
+      (*debugsMap_)[name_] = this;
+   }
+}
+
+DebugControl::~DebugControl() {
+   KORVO_SYSTEM_ASSERT(Korvo::Platform::loco().owns_lock() &&
+                       "DebugControl::~DebugControl() no loco");
+   if (wildcard_) {
+      wildCardDebugsMap_->erase(name_);
+   } else {
+      debugsMap_->erase(name_);
+   }
+}
+
+void DebugControl::initialize() {
+   KORVO_SYSTEM_ASSERT(Korvo::Platform::loco().owns_lock() && "DebugControl::initialize() no loco");
+   if (debugsMap_ == nullptr) {
+      debugsMap_ = new DebugsMap();
+      debugsMap_->max_load_factor(1.0);
+   }
+   if (wildCardDebugsMap_ == nullptr) {
+      wildCardDebugsMap_ = new WildCardDebugsMap();
+   }
+   DebugHandler::initialize();
+}
+
+std::string DebugControl::parseName(const std::string& name, bool& wildcard) {
+   wildcard = !name.empty() && name.back() == '*';
+   return wildcard ? name.substr(0, name.size() - 1) : name;
+}
+
+uint32_t DebugControl::parseLevels(const std::string& levels) {
+   uint32_t mask = 0;
+   for (char c : levels) {
+      if (c >= '0' && c <= '9') {
+         mask |= 1u << (c - '0');
+      } else if (c == '*') {
+         mask |= allLevels;
+      }
+   }
+   return mask;
+}
+
+DebugControl* DebugControl::findWildcard(std::string name) {
+   KORVO_SYSTEM_ASSERT(Korvo::Platform::loco().owns_lock() &&
+                       "DebugControl::findWildcard() no loco");
+   // Descending order: the first prefix that matches is the longest one.
+   for (auto& [prefix, control] : *wildCardDebugsMap_) {
+      if (prefix.empty() || startsWith(name, prefix)) {
+         return control;
+      }
+   }
+   return nullptr;
+}
+
+std::shared_ptr<Platform::DebugHandler> DebugControl::get(const std::string& name, bool) {
+   bool wildcard = false;
+   const std::string base = parseName(name, wildcard);
+   Platform::LocoGuard guard;
+   initialize();
+   if (wildcard) {
+      std::cerr << "Korvo::Debug - Warning"
+                << " - Wild card specifier ignored getting handler for " << name << " using "
+                << base << std::endl;
+   }
+   uint32_t levels = 0;
+   auto exact = debugsMap_->find(base);
+   if (exact != debugsMap_->end()) {
+      levels = exact->second->levels_;
+   } else if (DebugControl* w = findWildcard(base)) {
+      levels = w->levels_;
+   }
+   return std::allocate_shared<DebugHandler>(Allocator<DebugHandler>(), base,
+                                             static_cast<int>(levels), false);
+}
+
+// Registry updates. Both walk everything a name or prefix reaches; the registry
+// is small and changes rarely, so plain walks beat extra indexes.
+class DebugRegistry {
+public:
+   static void setExact(const std::string& name, uint32_t bits) {
+      DebugControl* control;
+      auto it = DebugControl::debugsMap_->find(name);
+      if (it != DebugControl::debugsMap_->end()) {
+         control = it->second;
+         control->levels_ |= bits;
+      } else {
+         // A new exact entry starts from what the wildcards gave the name.
+         DebugControl* w = DebugControl::findWildcard(name);
+         control = new DebugControl(name, static_cast<int>((w ? w->levels_ : 0) | bits), false);
+      }
+      for (DebugHandler* h : handlersWhere([&](const std::string& n) { return n == name; })) {
+         h->levels |= control->levels_;
+      }
+   }
+
+   static void setWildcard(const std::string& prefix, uint32_t bits) {
+      DebugControl* control;
+      auto it = DebugControl::wildCardDebugsMap_->find(prefix);
+      if (it != DebugControl::wildCardDebugsMap_->end()) {
+         control = it->second;
+         control->levels_ |= bits;
+      } else {
+         DebugControl* w = DebugControl::findWildcard(prefix);
+         control = new DebugControl(prefix, static_cast<int>((w ? w->levels_ : 0) | bits), true);
+      }
+      const uint16_t levels = control->levels_;
+      for (auto& [p, c] : *DebugControl::wildCardDebugsMap_) {
+         if (startsWith(p, prefix)) {
+            c->levels_ |= levels;
+         }
+      }
+      for (auto& [n, c] : *DebugControl::debugsMap_) {
+         if (startsWith(n, prefix)) {
+            c->levels_ |= levels;
+         }
+      }
+      for (DebugHandler* h :
+           handlersWhere([&](const std::string& n) { return startsWith(n, prefix); })) {
+         h->levels |= levels;
+      }
+   }
+
+   static void clearExact(const std::string& name, uint32_t bits) {
+      auto it = DebugControl::debugsMap_->find(name);
+      if (it != DebugControl::debugsMap_->end()) {
+         clearControl(it->second, bits);
+      } else if (DebugControl* w = DebugControl::findWildcard(name)) {
+         // Deliberately a stray registered handler and no exact entry: later
+         // get() calls still take the wildcard's levels.
+         new DebugHandler(name, static_cast<int>(w->levels_ & ~bits), false);
+      }
+      for (DebugHandler* h : handlersWhere([&](const std::string& n) { return n == name; })) {
+         h->levels &= ~bits;
+      }
+   }
+
+   static void clearWildcard(const std::string& prefix, uint32_t bits) {
+      // An emptied wildcard entry is kept at zero levels, so that it goes on
+      // shadowing shorter prefixes of it.
+      for (auto& [p, c] : *DebugControl::wildCardDebugsMap_) {
+         if (startsWith(p, prefix)) {
+            c->levels_ &= static_cast<uint16_t>(~bits);
+         }
+      }
+      std::vector<DebugControl*> exact;
+      for (auto& [n, c] : *DebugControl::debugsMap_) {
+         if (startsWith(n, prefix)) {
+            exact.push_back(c);
+         }
+      }
+      for (DebugControl* c : exact) {
+         clearControl(c, bits);
+      }
+      for (DebugHandler* h :
+           handlersWhere([&](const std::string& n) { return startsWith(n, prefix); })) {
+         h->levels &= ~bits;
+      }
+   }
+
+private:
+   // An exact entry emptied of levels goes, unless a wildcard would then give
+   // the name levels it was cleared of: then it stays and shadows the wildcard.
+   static void clearControl(DebugControl* control, uint32_t bits) {
+      control->levels_ &= static_cast<uint16_t>(~bits);
+      if (control->levels_ == 0 && DebugControl::findWildcard(control->name_) == nullptr) {
+         delete control;
+      }
+   }
+};
+
+void DebugControl::set(const std::string& name, const std::string& levels) {
+   bool wildcard = false;
+   const std::string base = parseName(name, wildcard);
+   const uint32_t bits = parseLevels(levels);
+   Platform::LocoGuard guard;
+   initialize();
+   if (wildcard) {
+      DebugRegistry::setWildcard(base, bits);
+   } else {
+      DebugRegistry::setExact(base, bits);
+   }
+}
+
+void DebugControl::clear(const std::string& name, const std::string& levels) {
+   bool wildcard = false;
+   const std::string base = parseName(name, wildcard);
+   const uint32_t bits = parseLevels(levels);
+   Platform::LocoGuard guard;
+   initialize();
+   if (wildcard) {
+      DebugRegistry::clearWildcard(base, bits);
+   } else {
+      DebugRegistry::clearExact(base, bits);
+   }
+}
+
+std::string DebugControl::displayString() const {
+   std::string out = name_;
+   if (wildcard_) {
+      out += '*';
+   }
+   out += '/';
+   appendLevels(out, levels_);
+   return out;
+}
+
+void DebugControl::printAll() {
+   Platform::LocoGuard guard;
+   initialize();
+   std::cout << "Specific:" << std::endl;
+   for (auto& [name, control] : *debugsMap_) {
+      std::cout << "    " << control->displayString() << std::endl;
+   }
+   std::cout << "Wildcard:" << std::endl;
+   for (auto& [prefix, control] : *wildCardDebugsMap_) {
+      std::cout << "    " << control->displayString() << std::endl;
+   }
+}
+
+}  // namespace Nyx
+
+Debuggable::Debuggable(const std::string& name) : debug_(Platform::getDebugHandler(name)) {}
+
+namespace Platform {
+namespace {
+
+// The trace destination, made at load and never destroyed so that lines traced
+// during exit still have somewhere to go.
+struct TraceFile {
+   std::ofstream stream;
+   std::string name;
+};
+
+TraceFile& traceFile() {
+   static TraceFile* const file = new TraceFile();
+   return *file;
+}
+
+// Keep, close or open the trace file after TRACEFILE; the lock must be held.
+void applyTraceFile() {
+   TraceFile& tf = traceFile();
+   const char* wanted = std::getenv("TRACEFILE");
+   if (wanted != nullptr && tf.stream.is_open() && tf.name == wanted) {
+      return;
+   }
+   if (tf.stream.is_open()) {
+      tf.stream.close();
+   }
+   tf.stream.clear();
+   tf.name.clear();
+   if (wanted == nullptr) {
+      return;
+   }
+   tf.name = wanted;
+   tf.stream.open(wanted, std::ios::out | std::ios::trunc);
+   if (!tf.stream.is_open()) {
+      std::cerr << "Error opening TRACEFILE=" << wanted << std::endl
+                << "Defaulting to std::cerr for trace output." << std::endl;
+      tf.stream.clear();
+      tf.name.clear();
+   }
+}
+
+template <typename Apply>
+void forEachTraceItem(const char* spec, Apply apply) {
+   const std::string text(spec);
+   size_t begin = 0;
+   // A trailing comma ends the walk: it adds no empty item.
+   while (begin < text.size()) {
+      size_t end = text.find(',', begin);
+      if (end == std::string::npos) {
+         end = text.size();
+      }
+      const std::string item = text.substr(begin, end - begin);
+      const size_t slash = item.find('/');
+      if (slash == std::string::npos) {
+         apply(item, std::string());
+      } else {
+         apply(item.substr(0, slash), item.substr(slash + 1));
+      }
+      begin = end + 1;
+   }
+}
+
+constexpr const char* fieldNames[] = {"date",   "time",  "pid",       "tid",
+                                      "handle", "level", "line-info", "func-name"};
+bool* const fieldSwitches[] = {
+    &Nyx::DebugControl::showDate_,       &Nyx::DebugControl::showTime_,
+    &Nyx::DebugControl::showPid_,        &Nyx::DebugControl::showTid_,
+    &Nyx::DebugControl::showHandleName_, &Nyx::DebugControl::showLevel_,
+    &Nyx::DebugControl::showLineInfo_,   &Nyx::DebugControl::showFuncName_};
+constexpr size_t fieldCount = sizeof(fieldNames) / sizeof(fieldNames[0]);
+
+int fieldIndex(const std::string& piece) {
+   for (size_t i = 0; i < fieldCount; ++i) {
+      if (piece == fieldNames[i]) {
+         return static_cast<int>(i);
+      }
+   }
+   return -1;
+}
+
+void printTraceFormatUsage() {
+   std::cerr << "Usage:" << std::endl << "  TRACEFORMAT=field,field,..." << std::endl;
+   std::cerr << "List of possible fields:" << std::endl;
+   for (const char* name : fieldNames) {
+      std::cerr << "  " << name << std::endl;
+   }
+}
+
+const char* lastPathComponent(const char* file) {
+   const char* slash = std::strrchr(file, '/');
+   return slash ? slash + 1 : file;
+}
+
+// The line prefix. A missing file or function name with its field on stops the
+// prefix there, as a failed stream would.
+void buildPrefix(fmt::memory_buffer& out, uint32_t level, const DebugHandler* handler,
+                 const char* file, const char* func, int line) {
+   using Nyx::DebugControl;
+   auto add = [&out](const auto& value) { fmt::format_to(std::back_inserter(out), "{} ", value); };
+   timeval now;
+   gettimeofday(&now, nullptr);
+   tm local;
+   const bool haveTime = localtime_r(&now.tv_sec, &local) != nullptr;
+   char stamp[64];
+   if (DebugControl::showDate_ && haveTime) {
+      const size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%d ", &local);
+      out.append(stamp, stamp + n);
+   }
+   if (DebugControl::showTime_ && haveTime) {
+      const size_t n = strftime(stamp, sizeof(stamp), "%H:%M:%S", &local);
+      out.append(stamp, stamp + n);
+      // Microseconds without leading zeros: 12:00:01 and 5000 us is 12:00:01.5000.
+      fmt::format_to(std::back_inserter(out), ".{} ", now.tv_usec);
+   }
+   if (DebugControl::showPid_)
+      add(::getpid());
+   if (DebugControl::showTid_)
+      add(Korvo::gettid());
+   if (DebugControl::showHandleName_)
+      add(handler ? handler->name : std::string());
+   if (DebugControl::showLevel_)
+      add(level);
+   if (DebugControl::showLineInfo_) {
+      if (file == nullptr)
+         return;
+      fmt::format_to(std::back_inserter(out), "{}:{} ", lastPathComponent(file), line);
+   }
+   if (DebugControl::showFuncName_) {
+      if (func == nullptr)
+         return;
+      add(func);
+   }
+}
+
+}  // namespace
+
+std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name) noexcept {
+   return Nyx::DebugControl::get(name);
+}
+
+void destroyDebugHandler(DebugHandler* handler) noexcept {
+   LocoGuard guard;
+   delete handler;
+}
+
+void setupKorvoDebug(const char* spec) noexcept {
+   {
+      LocoGuard guard;
+      applyTraceFile();
+   }
+   const char* text = spec ? spec : std::getenv("TRACE");
+   if (text == nullptr) {
+      return;
+   }
+   forEachTraceItem(text, [](const std::string& name, const std::string& levels) {
+      Nyx::DebugControl::set(name, levels);
+   });
+}
+
+void clearKorvoDebug(const char* spec) noexcept {
+   if (spec == nullptr) {
+      return;
+   }
+   forEachTraceItem(spec, [](const std::string& name, const std::string& levels) {
+      Nyx::DebugControl::clear(name, levels);
+   });
+}
+
+void dumpKorvoDebugMap() noexcept {
+   Nyx::DebugControl::printAll();
+   Nyx::DebugHandler::printAll();
+}
+
+void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handler,
+                  const char* file, const char* func, int line) noexcept {
+   fmt::memory_buffer prefix;
+   buildPrefix(prefix, level, static_cast<const DebugHandler*>(handler), file, func, line);
+   LocoGuard guard;
+   TraceFile& tf = traceFile();
+   std::ostream& out = tf.stream.is_open() ? static_cast<std::ostream&>(tf.stream) : std::cerr;
+   out.write(prefix.data(), static_cast<std::streamsize>(prefix.size()));
+   out.write(msg, static_cast<std::streamsize>(len));
+   out.put('\n');
+   out.flush();
+}
+
+void setTraceFormat(const char* spec) noexcept {
+   const char* text = spec ? spec : std::getenv("TRACEFORMAT");
+   if (text == nullptr) {
+      return;
+   }
+   const std::string value(text);
+   if (value == "help") {
+      printTraceFormatUsage();
+      return;
+   }
+   bool wanted[fieldCount] = {};
+   size_t begin = 0;
+   while (begin <= value.size()) {
+      size_t end = value.find(',', begin);
+      if (end == std::string::npos) {
+         end = value.size();
+      }
+      const std::string piece = value.substr(begin, end - begin);
+      if (!piece.empty()) {
+         const int index = fieldIndex(piece);
+         if (index < 0) {
+            std::cerr << piece << " is an invalid field in TRACEFORMAT" << std::endl
+                      << "Set TRACEFORMAT=help for more information." << std::endl;
+            return;
+         }
+         wanted[index] = true;
+      }
+      begin = end + 1;
+   }
+   LocoGuard guard;
+   for (size_t i = 0; i < fieldCount; ++i) {
+      *fieldSwitches[i] = wanted[i];
+   }
+}
+
+void clearTraceFormat() noexcept {
+   LocoGuard guard;
+   for (bool* field : fieldSwitches) {
+      *field = false;
+   }
+}
+
+void printAllTraceFormat() noexcept {
+   LocoGuard guard;
+   for (bool* field : fieldSwitches) {
+      std::cout << (*field ? 1 : 0) << ' ';
+   }
+   std::cout << std::flush;
+}
+
+namespace {
+// After the fork handler and the terminate handler, before any component makes
+// its handler: the "Korvo*/01" default, then what the environment asks for.
+__attribute__((constructor(104))) void setupTracingAtLoad() {
+   setupKorvoDebug("Korvo*/01");
+   setupKorvoDebug(nullptr);
+   setTraceFormat("date,time,tid,handle,level");
+   setTraceFormat(nullptr);
+}
+}  // namespace
+
+}  // namespace Platform
+}  // namespace Korvo

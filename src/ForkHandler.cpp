@@ -1,0 +1,45 @@
+#include "Korvo/Exception.h"
+#include "Korvo/Thread.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+namespace Korvo::Platform {
+namespace {
+
+// Written only in the child, right after fork(), while it is single-threaded.
+bool forkedChild_ = false;
+
+}  // namespace
+
+void handleFork() {
+   forkedChild_ = true;
+}
+
+bool isForkedChild() {
+   return forkedChild_;
+}
+
+void forkedChildIs(bool child) {
+   forkedChild_ = child;
+}
+
+void setupHandler() {
+   if (pthread_atfork(nullptr, nullptr, handleFork) != 0) {
+      // errno, not the call's result, is what is reported: kept on purpose.
+      std::cerr << "Korvo failed to register atfork handler, reason: " << std::strerror(errno)
+                << std::endl;
+      KORVO_SYSTEM_ASSERT(false && "Failed to register Korvo atfork handler");
+   }
+}
+
+namespace {
+__attribute__((constructor(102))) void registerForkHandlerAtLoad() {
+   setupHandler();
+}
+}  // namespace
+
+}  // namespace Korvo::Platform

@@ -1,0 +1,126 @@
+#define KORVO_SOURCE_FILE "LockingCpp"
+#include "Korvo/Locking.h"
+
+#include "Korvo/Debug.h"
+#include "Korvo/Exception.h"
+
+#include <system_error>
+#include <thread>
+
+namespace Korvo::Locking {
+namespace {
+
+// A pthread_t of 0 is what an unowned lock records; std::thread::id prints it as
+// "thread::id of a non-executing thread", which is what we want in messages.
+std::thread::id threadId(pthread_t t) {
+   return std::thread::id(t);
+}
+
+void initMutex(pthread_mutex_t& mutex, int kind) {
+   pthread_mutexattr_t attr;
+   pthread_mutexattr_init(&attr);
+   pthread_mutexattr_settype(&attr, kind);
+   pthread_mutex_init(&mutex, &attr);
+   pthread_mutexattr_destroy(&attr);
+}
+
+void lockOrThrow(pthread_mutex_t& mutex) {
+   const int rc = pthread_mutex_lock(&mutex);
+   if (rc != 0) {
+      throw std::system_error(rc, std::generic_category());
+   }
+}
+
+}  // namespace
+
+Lock::Lock() : owner_(0) {
+   initMutex(mutex_, PTHREAD_MUTEX_DEFAULT);
+}
+
+Lock::~Lock() {
+   pthread_mutex_destroy(&mutex_);
+}
+
+void Lock::lock() {
+   lockOrThrow(mutex_);
+   owner_ = pthread_self();
+}
+
+bool Lock::try_lock() {
+   if (pthread_mutex_trylock(&mutex_) != 0) {
+      return false;
+   }
+   owner_ = pthread_self();
+   return true;
+}
+
+bool Lock::owns_lock() const {
+   return pthread_equal(owner_, pthread_self()) != 0;
+}
+
+void Lock::unlock() {
+   KORVO_ASSERT(owns_lock(),
+                "Korvo::Locking::Lock::unlock() attempting to release a lock that is not "
+                "currently held, owner:"
+                    << threadId(owner_) << " me:" << threadId(pthread_self()));
+   // Cleared before the release, so no thread can see itself as owner of a lock
+   // it no longer holds.
+   owner_ = 0;
+   pthread_mutex_unlock(&mutex_);
+}
+
+RecursiveLock::RecursiveLock() : owner_(0) {
+   initMutex(mutex_, PTHREAD_MUTEX_RECURSIVE);
+}
+
+RecursiveLock::~RecursiveLock() {
+   pthread_mutex_destroy(&mutex_);
+}
+
+void RecursiveLock::lock() {
+   lockOrThrow(mutex_);
+   owner_ = pthread_self();
+}
+
+bool RecursiveLock::try_lock() {
+   if (pthread_mutex_trylock(&mutex_) != 0) {
+      return false;
+   }
+   owner_ = pthread_self();
+   return true;
+}
+
+bool RecursiveLock::owns_lock() const {
+   return pthread_equal(owner_, pthread_self()) != 0;
+}
+
+// glibc keeps the recursion depth of a recursive mutex in the mutex itself; we
+// read it rather than keeping a second count that could disagree.
+unsigned RecursiveLock::lockCount() const {
+   return mutex_.__data.__count;
+}
+
+void RecursiveLock::unlock() {
+   const unsigned count = lockCount();
+   KORVO_ASSERT(owns_lock() && count != 0,
+                "Korvo::Locking::RecursiveLock::unlock() attempting to release a lock that is "
+                "not currently held, owner:"
+                    << threadId(owner_) << " me:" << threadId(pthread_self())
+                    << " lockCount:" << count);
+   if (count == 1) {
+      owner_ = 0;
+   }
+   pthread_mutex_unlock(&mutex_);
+}
+
+ConditionalGuard::ConditionalGuard(Lock& lock) : lock_(lock), release_(true) {
+   lock_.lock();
+}
+
+ConditionalGuard::~ConditionalGuard() {
+   if (release_ && lock_.owns_lock()) {
+      lock_.unlock();
+   }
+}
+
+}  // namespace Korvo::Locking
