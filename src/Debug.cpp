@@ -614,6 +614,9 @@ namespace {
 // After the fork handler and the terminate handler, before any component makes
 // its handler: the "Korvo*/01" default, then what the environment asks for.
 __attribute__((constructor(104))) void setupTracingAtLoad() {
+   // We run before ordinary static initialisers, so the standard streams may not
+   // be set up yet; complaints about TRACE* values are written to them.
+   static std::ios_base::Init streams;
    setupKorvoDebug("Korvo*/01");
    setupKorvoDebug(nullptr);
    setTraceFormat("date,time,tid,handle,level");
