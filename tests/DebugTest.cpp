@@ -289,6 +289,10 @@ TEST_F(TraceEnvTest, TraceSwitchesLevelsOn) {
    EXPECT_NE(r.out.find("Specific:\n    App/\n"), std::string::npos) << r.out;
    r = run({"TRACE=Korvo*/1,KorvoTask*/5"}, {"levels:KorvoTaskGroup"});
    EXPECT_EQ(r.out, "KorvoTaskGroup/015\n");
+   std::string huge;
+   for (int i = 0; i < 8000; ++i) huge += "Big" + std::to_string(i % 7) + "/9x,";
+   r = run({"TRACE=" + huge + std::string(40000, '/')}, {"levels:Big3"});
+   EXPECT_EQ(r.out, "Big3/9\n");
    r = run({"TRACE=,,/,*/"}, {"levels:Junk"});
    EXPECT_EQ(r.exitCode, 0);
    EXPECT_EQ(r.out, "Junk/\n");
