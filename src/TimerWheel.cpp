@@ -91,25 +91,35 @@ TimerWheelState TimerWheelEvent::timeoutFlagsToState(uint32_t flags) {
    return TimerWheelState::notLinked;
 }
 
-TimerWheelState TimerWheelEvent::state() const { return timeoutFlagsToState(record_.flags); }
+TimerWheelState TimerWheelEvent::state() const {
+   return timeoutFlagsToState(record_.flags);
+}
 
 void TimerWheelEvent::stateIs(TimerWheelState next) {
    const TimerWheelState current = state();
    // Every move goes through notLinked, so no state can be entered twice.
-   KORVO_ASSERT(current == TimerWheelState::notLinked || next == TimerWheelState::notLinked,
-                "State change " << current << "->" << next << " must go via "
-                                << TimerWheelState::notLinked);
+   KORVO_ASSERT(
+       current == TimerWheelState::notLinked || next == TimerWheelState::notLinked,
+       "State change " << current << "->" << next << " must go via " << TimerWheelState::notLinked);
    record_.flags = (record_.flags & ~stateFlags) | stateToTimeoutFlags(next);
 }
 
 TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(struct timeout* record) {
+   // offsetof on a polymorphic class is "conditionally supported"; g++ and clang
+   // support it for a class without virtual bases, which this is, and it saves a
+   // back-pointer in every timer.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
    return reinterpret_cast<TimerWheelEvent*>(reinterpret_cast<char*>(record) -
                                              offsetof(TimerWheelEvent, record_));
+#pragma GCC diagnostic pop
 }
 
 // ---- TimersAtTimeout ----------------------------------------------------------
 
-TimersAtTimeout::~TimersAtTimeout() { KORVO_ASSERT(events_.empty(), "Destroyed while non-empty"); }
+TimersAtTimeout::~TimersAtTimeout() {
+   KORVO_ASSERT(events_.empty(), "Destroyed while non-empty");
+}
 
 void TimersAtTimeout::pushBack(TimerWheelEvent* event) {
    KORVO_ASSERT(event->timersAtTimeout_ == nullptr,
@@ -146,8 +156,7 @@ timeout_t TimerWheel::expiryTick(double expiry) {
    return static_cast<timeout_t>(std::floor(expiry * ticksPerSecond));
 }
 
-TimerWheel::TimerWheel()
-    : error_(0), masterExpiry_(TimerWheelEvent::infinity()), wheel_(nullptr) {
+TimerWheel::TimerWheel() : error_(0), masterExpiry_(TimerWheelEvent::infinity()), wheel_(nullptr) {
    wheel_ = timeouts_open(ticksPerSecond, &error_);
    KORVO_ASSERT(wheel_ != nullptr && error_ == 0, "Error code " << error_);
    masterTimer_ = Platform::getTimerControl(static_cast<Platform::TimeoutHandler*>(this));
@@ -174,7 +183,10 @@ void TimerWheel::setCurrentTime() {
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
-   const double expiry = Korvo::time() + delay;
+   timerStartAt(event, Korvo::time() + delay);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
    if (expiry == event->expirationTime_) {
       return;
    }
@@ -183,8 +195,9 @@ void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
    }
    event->expirationTime_ = expiry;
    const timeout_t tick = expiryTick(expiry);
-   WHEEL_TRACE(9, "timerStart", "timer " << DisplayPointer(event) << " set timeout " << delay
-                                         << " expire at " << expiry << " tick " << tick);
+   WHEEL_TRACE(9, "timerStart",
+               "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
+                        << " expire at " << expiry << " tick " << tick);
    timeouts_add(wheel_, &event->record_, tick);
    event->stateIs(TimerWheelState::inTimerWheel);
    if (masterExpiry_ > expiry) {
@@ -273,9 +286,9 @@ void TimerWheel::setMasterTimer() {
    if (!timersExpiringSoon_.empty()) {
       const double first = timersExpiringSoon_.begin()->first;
       if (now >= first) {
-         WHEEL_TRACE(8, "setMasterTimer",
-                     "has expired timers, firstExpiryTime=" << first
-                                                            << ", set master timer timeout 0");
+         WHEEL_TRACE(
+             8, "setMasterTimer",
+             "has expired timers, firstExpiryTime=" << first << ", set master timer timeout 0");
          masterTimer_->setTimeout(0.0);
       } else {
          WHEEL_TRACE(8, "setMasterTimer",
@@ -323,7 +336,7 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
 namespace {
 
 class TimerWheelTimerControl final : public Platform::TimerControl, public TimerWheelEvent {
- public:
+public:
    TimerWheelTimerControl(Platform::TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
        : handler_(handler), wheel_(std::move(wheel)) {}
    ~TimerWheelTimerControl() override { wheel_->timerStop(this); }
@@ -333,7 +346,7 @@ class TimerWheelTimerControl final : public Platform::TimerControl, public Timer
    double remainingTimeout() const override { return TimerWheelEvent::remainingTimeout(); }
    void timeout() override { handler_->timeout(); }
 
- private:
+private:
    Platform::TimeoutHandler* handler_;
    std::shared_ptr<TimerWheel> wheel_;
 };

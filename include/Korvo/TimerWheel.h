@@ -42,7 +42,7 @@ class TimersAtTimeout;
 // One timer of a wheel. Derive and implement timeout(); an event must be stopped
 // (notLinked) before it is destroyed.
 class KORVO_EXPORT TimerWheelEvent {
- public:
+public:
    TimerWheelEvent();
    TimerWheelEvent(const TimerWheelEvent&) = delete;
    TimerWheelEvent& operator=(const TimerWheelEvent&) = delete;
@@ -66,7 +66,7 @@ class KORVO_EXPORT TimerWheelEvent {
 
    static constexpr double infinity() { return std::numeric_limits<double>::infinity(); }
 
- private:
+private:
    friend class TimerWheel;
    friend class TimersAtTimeout;
 
@@ -78,7 +78,7 @@ class KORVO_EXPORT TimerWheelEvent {
 
 // The events of the expiring-soon map that share one exact expiry, in arrival order.
 class KORVO_EXPORT TimersAtTimeout {
- public:
+public:
    TimersAtTimeout() = default;
    TimersAtTimeout(const TimersAtTimeout&) = delete;
    TimersAtTimeout& operator=(const TimersAtTimeout&) = delete;
@@ -90,7 +90,7 @@ class KORVO_EXPORT TimersAtTimeout {
    bool empty() const { return events_.empty(); }
    size_t size() const { return events_.size(); }
 
- private:
+private:
    using Hook = boost::intrusive::member_hook<TimerWheelEvent, boost::intrusive::list_member_hook<>,
                                               &TimerWheelEvent::expiringSoonLink_>;
    boost::intrusive::list<TimerWheelEvent, Hook, boost::intrusive::constant_time_size<true>>
@@ -98,7 +98,7 @@ class KORVO_EXPORT TimersAtTimeout {
 };
 
 class KORVO_EXPORT TimerWheel : private Platform::TimeoutHandler {
- public:
+public:
    static constexpr unsigned ticksPerSecond = 100;
 
    // Opens the wheel and gets the master timer on the calling thread's loop.
@@ -110,6 +110,9 @@ class KORVO_EXPORT TimerWheel : private Platform::TimeoutHandler {
    // (Re)arms `event` to expire `delay` seconds from now; the same absolute expiry
    // again changes nothing. Never allocates.
    void timerStart(TimerWheelEvent* event, double delay);
+   // The same for an absolute library time (Korvo::time()); timers started for
+   // one expiry fire in the order they were started.
+   void timerStartAt(TimerWheelEvent* event, double expiry);
    // Harmless when not running. Never moves the master timer (it may then fire
    // for nothing, which costs one empty pass).
    void timerStop(TimerWheelEvent* event);
@@ -128,7 +131,7 @@ class KORVO_EXPORT TimerWheel : private Platform::TimeoutHandler {
    static timeout_t currentTick(double now);
    static timeout_t expiryTick(double expiry);
 
- private:
+private:
    void timeout() override;
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
