@@ -8,8 +8,11 @@
 #include <Korvo/Debug.h>
 #include <Korvo/Exception.h>
 #include <Korvo/Export.h>
+#include <Korvo/IntrospectionMap.h>
 #include <Korvo/Locking.h>
 #include <Korvo/Platform.h>
 #include <Korvo/Thread.h>
+#include <Korvo/Timeouts.h>
+#include <Korvo/TimerWheel.h>
 
 #endif
