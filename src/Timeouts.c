@@ -228,22 +228,40 @@ timeout_t timeouts_hz(const struct timeouts* T) {
    return T->hz;
 }
 
-/* Empties one list and places each of its records again relative to now: it expires, or goes
- * to a lower level (or stays parked). Costs O(records on the list). */
+/* Empties one list and places each of its records again relative to now, in list order: it
+ * expires, or goes to a lower level (or stays parked). Costs O(records on the list).
+ *
+ * With many timers the records of a list are scattered over memory and the walk is a chain of
+ * cache misses. Walking from both ends at once keeps two misses in flight: records met from the
+ * front are placed at once, records met from the back are stacked (through their next links,
+ * which are no longer needed) and placed after the two walks meet, which restores list order. */
 static void redistribute(struct timeouts* T, unsigned list) {
-   struct timeout* first = T->lists[list];
+   struct timeout* front = T->lists[list];
    T->lists[list] = NULL;
    if (list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
-   struct timeout* last = first->prev;
-   struct timeout* to = first;
+   struct timeout* back = front->prev;
+   struct timeout* stack = NULL;
    for (;;) {
-      /* Placing relinks the record, so take the walk's next step first. */
-      struct timeout* next = to->next;
-      place(T, to);
-      if (to == last)
+      if (front == back) {
+         place(T, front);
          break;
-      to = next;
+      }
+      /* Placing relinks a record, so take both walks' next steps first. */
+      struct timeout* frontNext = front->next;
+      struct timeout* backPrev = back->prev;
+      place(T, front);
+      back->next = stack;
+      stack = back;
+      if (frontNext == back)
+         break;
+      front = frontNext;
+      back = backPrev;
+   }
+   while (stack) {
+      struct timeout* to = stack;
+      stack = to->next;
+      place(T, to);
    }
 }
 

@@ -70,12 +70,14 @@ typedef uint64_t timeout_t;
 /* The record. All fields other than flags belong to the wheel while the record is linked;
  * expires may be read (the tick the record is armed for, absolute). */
 struct timeout {
-   int flags;
-   unsigned list;        /* which of its wheel's lists holds it */
-   timeout_t expires;    /* absolute tick */
-   timeout_t interval;   /* period of an interval record, else 0 */
+   /* The fields the wheel touches when it moves records come first, so that they share a cache
+    * line more often. */
    struct timeout* next; /* circular list links */
    struct timeout* prev;
+   timeout_t expires; /* absolute tick */
+   unsigned list;     /* which of its wheel's lists holds it */
+   int flags;
+   timeout_t interval;        /* period of an interval record, else 0 */
    struct timeouts* timeouts; /* the wheel it is linked on; NULL when idle */
 };
 
