@@ -3,7 +3,12 @@
 //
 // Per-operation figures are the "ns_per_op" counter: each benchmark iteration times a batch of N
 // operations (manual timing, so that the untimed set-up of the next batch is left out) and the
-// counter is the timed total divided by the operations done.
+// counter is the timed total divided by the operations done. The other benchmarks time one
+// operation per iteration; read their CPU column.
+//
+// The records sit in one array and are armed in array order; libevent's events come from
+// event_new one after the other. Both therefore enjoy some locality that objects scattered over
+// a heap would not.
 
 #include <Korvo/Timeouts.h>
 
@@ -12,6 +17,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <random>
 #include <string>
 #include <thread>
@@ -24,13 +30,20 @@ constexpr timeout_t kSpan = 60 * kHz;           // expiries over 0-60 s
 constexpr timeout_t kStart = 1'234'567'891;     // an arbitrary "now", as a monotonic clock gives
 constexpr timeout_t kFar = timeout_t(1) << 22;  // ~11.6 h at 100 Hz: nothing due for a long while
 
-using Clock = std::chrono::steady_clock;
+double threadSeconds() {
+   timespec ts;
+   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+   return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
 
+// Batches are timed on the thread's CPU clock: on a machine shared with other work, time spent
+// descheduled would otherwise count as ours. (Reading it costs a system call, which a batch of
+// 1000 operations or more makes negligible.)
 template <typename F>
 double timed(F&& f) {
-   auto start = Clock::now();
+   double start = threadSeconds();
    f();
-   return std::chrono::duration<double>(Clock::now() - start).count();
+   return threadSeconds() - start;
 }
 
 // Ticks in [1, kSpan], one per timer; seeded so that every run measures the same work.
@@ -123,27 +136,24 @@ void BM_WheelReAdd(benchmark::State& state) {
    perOp.report(state);
 }
 
-// Expiry as an event loop sees it: the clock advances one tick at a time and every due record
-// is taken with timeouts_get. Includes the cascades of records from the upper level.
+// Expiry as an event loop drives it: sleep for timeouts_timeout() ticks, update, take every due
+// record with timeouts_get. Includes the cascades from the upper level and the wake-ups for them.
 void BM_WheelExpire(benchmark::State& state) {
    size_t n = size_t(state.range(0));
    Wheel w(n);
    auto ticks = randomTicks(n, 1);
    PerOp perOp;
    for (auto _ : state) {
-      timeout_t base = w.now();
-      w.addAll(ticks, base);
+      w.addAll(ticks, w.now());
       size_t fired = 0;
       perOp.add(state, timed([&] {
-                   for (timeout_t t = 1; t <= kSpan; t++) {
-                      w.updateTo(base + t);
+                   while (fired < n) {
+                      w.updateTo(w.now() + timeouts_timeout(w.T));
                       while (timeouts_get(w.T))
                          fired++;
                    }
                 }),
                 n);
-      if (fired != n)
-         state.SkipWithError("not every timer fired");
    }
    perOp.report(state);
 }

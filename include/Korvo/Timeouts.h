@@ -75,7 +75,7 @@ struct timeout {
    struct timeout* next; /* circular list links */
    struct timeout* prev;
    timeout_t expires; /* absolute tick */
-   unsigned list;     /* which of its wheel's lists holds it */
+   unsigned list;     /* which of its wheel's lists holds it, while pending */
    int flags;
    timeout_t interval;        /* period of an interval record, else 0 */
    struct timeouts* timeouts; /* the wheel it is linked on; NULL when idle */
