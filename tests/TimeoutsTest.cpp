@@ -128,7 +128,9 @@ TEST(TimeoutsTest, AddingAtOrBeforeNowExpiresAtOnce) {
 }
 
 TEST(TimeoutsTest, DeleteIsIdempotentAndWorksInEveryState) {
-   timeout to;
+   timeout to = TIMEOUT_INITIALIZER(4);
+   EXPECT_EQ(to.flags, 4);
+   EXPECT_FALSE(timeout_pending(&to));
    Wheel T = openWheel();
    timeout_init(&to, 0);
    timeout_del(&to);  // idle: nothing to do
