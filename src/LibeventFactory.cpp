@@ -24,9 +24,9 @@ thread_local constinit LeThreadState leState;
 Platform::DebugHandler& leDebug() {
    // Made at first use and never freed: loops on other threads may trace until the
    // process is gone, after static destructors have run.
-   static Platform::DebugHandler& handler =
-       *(*new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent")));
-   return handler;
+   static std::shared_ptr<Platform::DebugHandler>* const handler =
+       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent"));
+   return **handler;
 }
 
 namespace {
