@@ -57,15 +57,6 @@ int makeDirs(const std::string& path, unsigned mode) {
    return 0;
 }
 
-void checkTrimArguments(const std::string& absolute, const std::string& trailing) {
-   KORVO_ASSERT(!absolute.empty(), "absolute path is empty");
-   KORVO_ASSERT(absolute[0] == '/', "absolute path is not absolute");
-   KORVO_ASSERT(!trailing.empty(), "trailing path is empty");
-   KORVO_ASSERT(trailing.size() < absolute.size(), "trailing path longer than absolute path");
-   KORVO_ASSERT(absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) == 0,
-                "trailing path is not a terminal substring of absolute path");
-}
-
 // Traces `message` at level 0 and throws it, unless the caller asked not to.
 void reportWriteFailure(DebugHandler& h, const std::string& message, bool noThrow) {
    KORVO_TRACE(h, 0, message);
@@ -98,7 +89,12 @@ int mkpath(const std::string& path, unsigned mode) {
 }
 
 int trimpath(const std::string& absolute, const std::string& trailing) {
-   checkTrimArguments(absolute, trailing);
+   KORVO_ASSERT(!absolute.empty(), "absolute path is empty");
+   KORVO_ASSERT(absolute[0] == '/', "absolute path is not absolute");
+   KORVO_ASSERT(!trailing.empty(), "trailing path is empty");
+   KORVO_ASSERT(trailing.size() < absolute.size(), "trailing path longer than absolute path");
+   KORVO_ASSERT(absolute.compare(absolute.size() - trailing.size(), trailing.size(), trailing) == 0,
+                "trailing path is not a terminal substring of absolute path");
    // Directories at or above `stop` belong to the part that stays.
    const size_t stop = absolute.size() - trailing.size();
    std::string current = absolute;
