@@ -334,23 +334,24 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
    }
    ++runCount_;
    currentlyRunning_ = true;
+   // The run may destroy the task (its destructor marks the magic number), so the
+   // check reads through a pointer taken before the run and comes before any other
+   // use of the object.
+   const volatile uint32_t* magic = &magic_;
    taskExecute();
-   currentlyRunning_ = false;
-   // The run may have destroyed the task (its destructor marks it); nothing but this
-   // check may touch it before we know it is intact.
-   if (*static_cast<volatile uint32_t*>(&magic_) != magicConstructed) {
-      failMagic();
+   if (*magic != magicConstructed) {
+      failMagic(this, *magic);
    }
+   currentlyRunning_ = false;
    *end = taskTime();
    accountRun(*end - runStart_);
    recordEvent(*end, EventType::runEnd);
    taskBusyIs(taskRunQueueLink_.isLinked(), *end);
 }
 
-void TaskImpl::failMagic() const {
-   const uint32_t magic = *static_cast<const volatile uint32_t*>(&magic_);
+void TaskImpl::failMagic(const void* task, uint32_t magic) {
    // Only the address: the rest of the task (its names, its scheduler) may be gone.
-   KORVO_FAIL("Task: " << DisplayPointer(this) << " taskMagicNumber: " << magic
+   KORVO_FAIL("Task: " << DisplayPointer(task) << " taskMagicNumber: " << magic
                        << " taskMagicNumberConstructed: " << magicConstructed);
 }
 

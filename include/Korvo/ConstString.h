@@ -54,11 +54,12 @@ public:
    }
    ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
    ConstStringRef& operator=(const ConstStringRef& other) {
-      if (other.elem_ != nullptr) {
-         other.elem_->refCountInc();
+      const Elem* elem = other.elem_;  // read first: `other` may be this handle
+      if (elem != nullptr) {
+         elem->refCountInc();
       }
       release();
-      elem_ = other.elem_;
+      elem_ = elem;
       return *this;
    }
    ConstStringRef& operator=(ConstStringRef&& other) noexcept {

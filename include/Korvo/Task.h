@@ -227,7 +227,7 @@ private:
    TaskSchedulerRoot* root() const;
    void accountRun(TaskDuration elapsed);
    void clearStatsFields();
-   [[noreturn]] void failMagic() const;
+   [[noreturn]] static void failMagic(const void* task, uint32_t magic);
 
    uint8_t testYieldRatio_ = 0;
    uint8_t testYieldRatioEffective_ = 0;
