@@ -15,11 +15,11 @@
 #include <sstream>
 #include <thread>
 
-extern "C" {
-unsigned int auxThreadCount = 0;
-}
-
 namespace Korvo {
+
+extern "C" {
+KORVO_EXPORT unsigned int auxThreadCount = 0;
+}
 
 using Impl::taskSchedulerDebug;
 using EventType = TaskSchedulerEventType;
