@@ -11,13 +11,12 @@ namespace Korvo {
 
 namespace Impl {
 namespace {
-Platform::DebugHandler& makeTaskSchedulerDebug() {
-   auto* holder =
-       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TaskScheduler"));
-   return **holder;
-}
+// Never destroyed: tasks may trace from thread-exit and static destructors. Kept in
+// a global so that leak checkers see it as reachable.
+std::shared_ptr<Platform::DebugHandler>* const taskSchedulerDebugHolder =
+    new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TaskScheduler"));
 }  // namespace
-Platform::DebugHandler& taskSchedulerDebug = makeTaskSchedulerDebug();
+Platform::DebugHandler& taskSchedulerDebug = **taskSchedulerDebugHolder;
 }  // namespace Impl
 
 using Impl::taskSchedulerDebug;
