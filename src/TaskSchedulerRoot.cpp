@@ -30,6 +30,7 @@ TaskSchedulerRoot::TaskSchedulerRoot(const std::string& name)
       ownerPid_(::getpid()),
       isMainThread_(Korvo::isMainThread()) {
    callbackControl_ = Platform::getCallbackControl(this);
+   timerWheel_ = getTimerWheel();
    const std::string threadName = currentThreadName();
    std::strncpy(ownerThreadName_, threadName.c_str(), sizeof(ownerThreadName_) - 1);
    registerScheduler(this);

@@ -32,6 +32,7 @@
 #include <Korvo/Task.h>
 #include <Korvo/TaskSchedulerHistory.h>
 #include <Korvo/TaskStat.h>
+#include <Korvo/TimerWheel.h>
 
 #include <pthread.h>
 #include <sys/types.h>
@@ -245,7 +246,8 @@ class KORVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
 public:
    static constexpr unsigned int historyEntryCountDefault = 100;
 
-   // Binds the root to the calling thread and obtains its event-loop callback.
+   // Binds the root to the calling thread and obtains its event-loop callback and the
+   // thread's timer wheel (getTimerWheel()).
    explicit TaskSchedulerRoot(const std::string& name);
    // A new root, not installed as the thread's root.
    static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(const std::string& name);
@@ -278,6 +280,8 @@ public:
    pid_t ownerPid() const { return ownerPid_; }
    const char* ownerThreadName() const { return ownerThreadName_; }
    bool isMainThread() const { return isMainThread_; }
+   // The wheel that times this root's timer tasks.
+   const std::shared_ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
 
    // While suspended, every dispatch of every scheduler under the root runs nothing;
    // unsuspending requests a run, so queued work resumes without new schedules.
@@ -315,6 +319,7 @@ private:
 
    std::set<TaskScheduler*> schedulers_;
    std::shared_ptr<Platform::CallbackControl> callbackControl_;
+   std::shared_ptr<TimerWheel> timerWheel_;
    pthread_t ownerThread_;
    pid_t ownerPid_;
    char ownerThreadName_[16] = {};
