@@ -19,8 +19,14 @@
 namespace Korvo {
 
 // The "KorvoLibevent" trace channel: control operations at level 9, virtual-time jumps
-// at level 2, libevent's own messages at the level of their severity.
-KORVO_EXPORT Platform::DebugHandler& leDebug();
+// at level 2, libevent's own messages at the level of their severity. Made while the
+// library loads; leDebug() is inline because every control operation tests it.
+KORVO_EXPORT Platform::DebugHandler& makeLeDebug();
+extern KORVO_EXPORT Platform::DebugHandler* leDebugHandler;
+inline Platform::DebugHandler& leDebug() {
+   Platform::DebugHandler* handler = leDebugHandler;
+   return __builtin_expect(handler != nullptr, 1) ? *handler : makeLeDebug();
+}
 
 // Per-thread state of the back-end. Trivially destructible and constant-initialised,
 // so reaching it from any of the back-end's files costs no initialisation check.

@@ -160,9 +160,13 @@ KORVO_EXPORT std::shared_ptr<ValuePrinter> getValuePrinter(const std::string& ty
 // code that manages the thread's event base itself.
 //
 // Each thread has its own base, made on first use by any control or loop call, with
-// libevent's precise monotonic clock (the clock Korvo::time() reads) and without its
-// time cache, so a timer is measured from the moment it is armed. A base adopted with
-// leRegisterBase() keeps whatever clock its maker chose.
+// libevent's default configuration. Timers therefore count on libevent's clock: on
+// Linux the coarse monotonic clock (steps of 1 to 4 ms, see clock_getres(2)), read once
+// per pass of the loop. By Korvo::time() a timer may so fire up to one such step early
+// or late, and one armed inside a callback counts from the start of the pass.
+// EVENT_PRECISE_TIMER=1 in the environment (libevent's own switch, read when a base is
+// made) selects the precise clock, at the cost of one more system call per pass. A
+// base adopted with leRegisterBase() keeps whatever configuration its maker chose.
 
 // Makes this thread's base if it has none; installs libevent's log and fatal-error
 // callbacks (process-wide in libevent) on the way.
