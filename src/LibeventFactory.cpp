@@ -159,6 +159,7 @@ void leFree() {
    if (leState.base == nullptr) {
       return;
    }
+   KORVO_ASSERT(!leLoopRunning(), "leFree called from inside the running event loop");
    event_base_free(leState.base);
    leState.base = nullptr;
 }

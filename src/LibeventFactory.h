@@ -180,6 +180,9 @@ struct KORVO_EXPORT EvLoopBreak {
 // through libevent while doEventLoop runs: it is parked, the loop is broken, and the
 // loop runner rethrows it once libevent has returned. Outside our loop runners (code
 // that dispatches the base itself) the exception propagates as it is.
+// Whether one of our loop runners is dispatching on this thread.
+bool leLoopRunning();
+
 // Called in a catch handler: parks the current exception, or rethrows it when no loop
 // runner of ours is active on this thread.
 KORVO_EXPORT void parkLoopException();

@@ -241,11 +241,17 @@ TEST(LibeventLoopTest, LoopCallFromInsideAHandlerIsRefused) {
    EXPECT_THAT(assertionText([] { Korvo::Platform::doEventLoop(); }),
                HasSubstr("doEventLoop called from inside the running event loop"));
    EXPECT_EQ(callback.calls, 1);
+   // Nor may the base be freed under the loop's feet.
+   callback.onCallback = [] { Korvo::leFree(); };
+   callback.control->requestCallback();
+   EXPECT_THAT(assertionText([] { Korvo::Platform::doEventLoop(); }),
+               HasSubstr("leFree called from inside the running event loop"));
+   EXPECT_EQ(callback.calls, 2);
    // And the loop works afterwards.
    callback.onCallback = nullptr;
    callback.control->requestCallback();
    Korvo::Platform::doEventLoop();
-   EXPECT_EQ(callback.calls, 2);
+   EXPECT_EQ(callback.calls, 3);
 }
 
 // ---- Timeout operations over libevent's public interface, on a base of others.

@@ -430,7 +430,13 @@ TEST(FdControlTest, BadDescriptorsFailClearly) {
    ASSERT_GE(closedFd, 0);
    ::close(closedFd);
    EXPECT_THAT(assertionText([&] { watcher.control->setFd(closedFd); }), HasSubstr("flags >= 0"));
+   // A path-only descriptor has flags but cannot take O_NONBLOCK.
+   const int pathFd = ::open("/tmp", O_PATH);
+   ASSERT_GE(pathFd, 0);
+   EXPECT_THAT(assertionText([&] { watcher.control->setFd(pathFd); }), HasSubstr("result == 0"));
+   ::close(pathFd);
    EXPECT_EQ(watcher.control->getFd(), -1);
+   Korvo::Platform::doEventLoop();  // nothing was registered: returns at once
 }
 
 TEST(FdControlTest, UnwatchableDescriptorIsTracedAndDoesNotHang) {

@@ -175,7 +175,8 @@ KORVO_EXPORT void leInit();
 // thread already has is harmless; registering a different one is an assertion failure.
 KORVO_EXPORT void leRegisterBase(event_base* base);
 // Frees this thread's base, if any, and forgets it. Every control made on this thread
-// must be destroyed first. A base is never freed behind the caller's back: a thread
+// must be destroyed first; calling it from a handler of the running loop is an
+// assertion failure. A base is never freed behind the caller's back: a thread
 // that made one and ends without leFree() leaves it allocated.
 KORVO_EXPORT void leFree();
 KORVO_EXPORT bool leInitialized();
