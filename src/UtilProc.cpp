@@ -7,11 +7,10 @@
 #include "UtilImpl.h"
 
 #include <dlfcn.h>
-#include <sys/syslog.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
