@@ -3,11 +3,11 @@
 
 #include <dlfcn.h>
 
-extern "C" {
-int platformLibPresenceFlag = Korvo::PLATFORM_LIB_FLAG_KORVO;
-}
-
 namespace Korvo {
+
+extern "C" {
+KORVO_EXPORT int platformLibPresenceFlag = PLATFORM_LIB_FLAG_KORVO;
+}
 
 void checkIncompat() {
    KORVO_SYSTEM_ASSERT(platformLibPresenceFlag == Korvo::PLATFORM_LIB_FLAG_KORVO &&

@@ -7,6 +7,10 @@
 #include <cstring>
 #include <iostream>
 
+namespace Korvo::Impl {
+void forgetCachedTid();
+}
+
 namespace Korvo::Platform {
 namespace {
 

@@ -16,12 +16,24 @@ namespace {
 thread_local bool threadLocalSingletons_ = false;
 thread_local bool threadLocalSingletonsLocked_ = false;
 thread_local char threadName_[16] = {};
+// The kernel thread id costs a system call; every trace line wants it.
+thread_local pid_t cachedTid_ = 0;
 
 }  // namespace
 
 pid_t gettid() {
-   return static_cast<pid_t>(::syscall(SYS_gettid));
+   if (cachedTid_ == 0) {
+      cachedTid_ = static_cast<pid_t>(::syscall(SYS_gettid));
+   }
+   return cachedTid_;
 }
+
+namespace Impl {
+// The forking thread lives on in the child under a new id.
+void forgetCachedTid() {
+   cachedTid_ = 0;
+}
+}  // namespace Impl
 
 bool isMainThread() {
    return gettid() == ::getpid();

@@ -53,6 +53,12 @@ public:
 };
 
 // One pending expiry at most: arming an armed timer replaces its deadline.
+//
+// Delays are seconds as doubles, kept to the nearest microsecond. A negative delay
+// is taken as 0 (due at once: the handler runs on the next pass of the loop, never
+// inside setTimeout()); a delay above maxDelaySeconds is clamped to it; NaN is an
+// assertion failure. The handler may re-arm, cancel or destroy its own control
+// from inside timeout().
 class KORVO_EXPORT TimerControl {
 public:
    virtual ~TimerControl() = default;
@@ -65,7 +71,8 @@ public:
 };
 
 // Requests coalesce: any number of requests before the loop runs give one callback(),
-// never from inside requestCallback() itself.
+// never from inside requestCallback() itself. A request made inside callback() asks
+// for one more call on a later pass of the loop.
 class KORVO_EXPORT CallbackControl {
 public:
    virtual ~CallbackControl() = default;
@@ -75,8 +82,12 @@ public:
 };
 
 // Read interest is persistent and on by default; write interest is one-shot (call
-// setWrites(true) again for the next writeFdEvent). The descriptor is switched to
-// non-blocking by setFd() and never closed by the control.
+// setWrites(true) again for the next writeFdEvent). setFd() switches the descriptor to
+// non-blocking mode and applies the recorded interests at once; a descriptor whose
+// flags cannot be read or set (closed, never opened) is an assertion failure
+// ("flags >= 0", "result == 0"). The descriptor is never closed by the control:
+// delFd() and the destructor only stop watching it. The fd passed to the handler is
+// the control's getFd() at the time of the call.
 class KORVO_EXPORT FdControl {
 public:
    virtual ~FdControl() = default;
@@ -88,23 +99,98 @@ public:
    virtual void clearEvents() = 0;
 };
 
+// The largest delay a timer or a bounded loop takes (about 31.7 years).
+constexpr double maxDelaySeconds = 1e9;
+
+// Controls on the calling thread's event loop (made on first use). A control and its
+// handler belong to that thread; the control registers nothing until armed and
+// withdraws everything it registered when destroyed.
 KORVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
 KORVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
 
-// Run the calling thread's loop: until no events remain; for `seconds` of library
-// time (crossed by jumps under fast-forward); or one bounded wait.
+// Run the calling thread's loop:
+// - doEventLoop(): until no events remain registered, or something breaks the loop;
+// - doEventLoop(seconds): for `seconds` of library time (crossed by jumps under
+//   fast-forward; at least one pass, so what is due now runs even for 0);
+// - doEventLoopInWaitfor(seconds): one bounded wait; under fast-forward a single
+//   jump to the first timer (at most `seconds` ahead) and one pass.
+// A handler exception that its handler declines stops the loop and is rethrown here
+// unchanged. Calling any of them from inside a handler of the same loop is an
+// assertion failure.
 KORVO_EXPORT void doEventLoop();
 KORVO_EXPORT void doEventLoop(double seconds);
 KORVO_EXPORT void doEventLoopInWaitfor(double seconds);
 
-// Virtual time. The switch is process-wide and may only change on the main thread.
+// Virtual time. The switch is process-wide and may only change on the main thread;
+// switching it calls every registered notifier once. While it is on, the loop jumps
+// the calling thread's clock (Korvo::time()) to the next timer instead of sleeping.
 KORVO_EXPORT bool fastForward();
 KORVO_EXPORT void setFastForward(bool on);
+// Registration is meant for start-up, on the main thread; a notifier is kept once
+// however often it is registered, and cannot be removed.
 KORVO_EXPORT void registerFastForwardChangeNotifier(void (*notifier)());
+// Jumps this thread's clock and every pending timeout of its loop `seconds` ahead
+// (negative counts as 0). An assertion failure unless fast-forward is on.
 KORVO_EXPORT void fastForwardBy(double seconds);
 
+// Renders values of one named type for traces: the printer registered for the type
+// name in the introspection map (Korvo/IntrospectionMap.h), or, when there is none or
+// it returns an empty string, the hex dump of the value's `size` bytes.
+class KORVO_EXPORT ValuePrinter {
+public:
+   ValuePrinter(const std::string& typeName, int size) : typeName_(typeName), size_(size) {}
+   // `value` must point at `size` readable bytes.
+   virtual std::string toString(const void* value) const;
+   virtual ~ValuePrinter() = default;
+
+   const std::string& typeName() const { return typeName_; }
+   int size() const { return size_; }
+
+private:
+   std::string typeName_;
+   int size_;
+};
+
+KORVO_EXPORT std::shared_ptr<ValuePrinter> getValuePrinter(const std::string& typeName, int size);
+
 }  // namespace Platform
+
+// The libevent back-end. The Platform functions above forward here; these are for
+// code that manages the thread's event base itself.
+//
+// Each thread has its own base, made on first use by any control or loop call, with
+// libevent's precise monotonic clock (the clock Korvo::time() reads) and without its
+// time cache, so a timer is measured from the moment it is armed. A base adopted with
+// leRegisterBase() keeps whatever clock its maker chose.
+
+// Makes this thread's base if it has none; installs libevent's log and fatal-error
+// callbacks (process-wide in libevent) on the way.
+KORVO_EXPORT void leInit();
+// Adopts a base made by other code as this thread's base. Registering the base this
+// thread already has is harmless; registering a different one is an assertion failure.
+KORVO_EXPORT void leRegisterBase(event_base* base);
+// Frees this thread's base, if any, and forgets it. Every control made on this thread
+// must be destroyed first. A base is never freed behind the caller's back: a thread
+// that made one and ends without leFree() leaves it allocated.
+KORVO_EXPORT void leFree();
+KORVO_EXPORT bool leInitialized();
+// This thread's base, or null before leInit()/leRegisterBase().
+KORVO_EXPORT event_base* leBase();
+// For a forked child: re-initialises the inherited base (its registered events carry
+// over to the child's own kernel state), or makes one if there is none.
+KORVO_EXPORT void leForkReinit();
+
+KORVO_EXPORT void doLeEventLoop();
+KORVO_EXPORT void doLeEventLoop(double seconds);
+KORVO_EXPORT void doLeEventLoopInWaitfor(double seconds);
+
+KORVO_EXPORT void setLeFastForward(bool on);
+KORVO_EXPORT bool leFastForward();
+KORVO_EXPORT void leRegisterFastForwardChangeNotifier(void (*notifier)());
+// This thread's virtual-time offset in seconds; it only grows.
+KORVO_EXPORT double leVirtualTimeOffset();
+
 }  // namespace Korvo
 
 #endif

@@ -1,0 +1,343 @@
+#ifndef KORVO_TASKSCHEDULER_H
+#define KORVO_TASKSCHEDULER_H
+
+// Task schedulers and the per-thread root scheduler.
+//
+// A TaskScheduler owns the run queues of a group of tasks (one queue pair per
+// priority), the list of its registered tasks, per-priority counts and the folded
+// statistics of its dead tasks. It owns no thread and no event source: something
+// calls handleSchedulerRun(), which runs at most one task, and the scheduler asks to
+// be called through requestSchedulerRun().
+//
+// Each thread has one TaskSchedulerRoot, from schedulerRootKorvo(). It is the
+// scheduler of the thread's top-level tasks and a platform callback handler: when it
+// becomes runnable it requests a callback from the thread's event loop and runs one
+// task per callback, so the loop gets control back between any two tasks. It also
+// holds the per-thread settings every task consults (suspension, virtual time, the
+// test yield ratio, the thread check) and the thread's scheduler history.
+//
+// Pick order: strictly by priority, first in first out within one, with one
+// anti-starvation rule: after c picks in a row at high (normal), one lower task goes
+// first once c times the weighted backlog below (8 per normal + 1 per low task; for
+// normal, 1 per low task) exceeds 64 (8) times the own backlog. Absolute tasks are
+// never passed over; scavenge tasks run only when all other queues are empty.
+//
+// Ownership: schedulers are held by shared pointers (made with Korvo::makeShared);
+// tasks hold their scheduler. Thread: a root and everything under it belong to the
+// thread that made the root; no locks are taken on the scheduling path.
+
+#include <Korvo/Export.h>
+#include <Korvo/List.h>
+#include <Korvo/Platform.h>
+#include <Korvo/Task.h>
+#include <Korvo/TaskSchedulerHistory.h>
+#include <Korvo/TaskStat.h>
+#include <Korvo/TimerWheel.h>
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace Korvo {
+
+class TaskSchedulerRoot;
+
+// While non-zero the thread check is off (for programs that hand their scheduler
+// structures to helper threads). The embedding program maintains it; the library
+// only reads it.
+extern "C" KORVO_EXPORT unsigned int auxThreadCount;
+
+// The run queue of one priority: a persistent queue that scheduling appends to, and
+// a temporary one that holds a snapshot while a task group runs its queue, so that
+// tasks rescheduled during that run wait for the next one.
+class KORVO_EXPORT TaskRunQueue {
+public:
+   using Queue = List<TaskImpl, ListLinkNode<TaskImpl>, &TaskImpl::taskRunQueueLink_>;
+
+   TaskRunQueue() = default;
+   TaskRunQueue(const TaskRunQueue&) = delete;
+   TaskRunQueue& operator=(const TaskRunQueue&) = delete;
+
+   // The queue that picks read: the temporary one during a snapshot.
+   Queue& currentQueue() { return *currentQueue_; }
+   Queue& persistentQueue() { return persistent_; }
+   Queue& temporaryQueue() { return temporary_; }
+   bool snapshotActive() const { return currentQueue_ == &temporary_; }
+
+   uint32_t consecutivePicks() const { return consecutivePicks_; }
+   void consecutivePicksIs(uint32_t n) { consecutivePicks_ = n; }
+   uint64_t enqueued() const { return enqueued_; }
+   uint64_t dispatched() const { return dispatched_; }
+   uint64_t dispatchedAtLastClear() const { return dispatchedAtLastClear_; }
+   // Tasks on the two queues.
+   int64_t backlog() const { return static_cast<int64_t>(enqueued_ - dispatched_); }
+
+   // Starts a snapshot: every queued task moves, in order, to the temporary queue.
+   void movePersistentToTemporary();
+   // Ends it: leftovers of the snapshot go in front of what was scheduled meanwhile.
+   void moveTemporaryToPersistent();
+
+private:
+   friend class TaskScheduler;
+   friend class TaskImpl;
+
+   Queue persistent_;
+   Queue temporary_;
+   Queue* currentQueue_ = &persistent_;
+   uint32_t consecutivePicks_ = 0;
+   uint64_t enqueued_ = 0;
+   uint64_t dispatched_ = 0;
+   uint64_t dispatchedAtLastClear_ = 0;
+};
+
+class KORVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+public:
+   using RegisteredList =
+       BookmarkList<TaskImpl, BookmarkListLinkNode<TaskImpl>, &TaskImpl::taskRegisteredLink_>;
+   using PriorityCounts = std::map<TaskPriority, uint32_t>;
+   using DeadTaskStats = std::unordered_map<ConstStringRef, TaskStat, ConstStringRefHash>;
+   static constexpr TaskDuration defaultTaskQuantumInitial = std::chrono::milliseconds(20);
+
+   // `root` is the thread's root (not owned); the history is the root's, and `name`
+   // is interned in its string cache.
+   TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
+                 std::shared_ptr<TaskSchedulerHistory> history);
+   TaskScheduler(const TaskScheduler&) = delete;
+   TaskScheduler& operator=(const TaskScheduler&) = delete;
+
+   // Whether a spread-out statistics reset is still walking.
+   virtual bool resetStatsInProgress() const { return resetStatsInProgress_; }
+   // Asks whoever drives this scheduler for one handleSchedulerRun().
+   virtual void requestSchedulerRun() = 0;
+   // Called when the set of tasks under forced test yielding turns non-empty or empty.
+   virtual void handleTaskForceYieldInTest() = 0;
+   // Links a new task into the registered list (called by the task's constructor).
+   virtual void taskRegister(TaskImpl* task);
+   virtual ~TaskScheduler();
+
+   // One dispatch: runs at most one task and, after a task ran, requests the next
+   // run. While the root is suspended it runs nothing. An exception from the task's
+   // taskExecute() passes out of here; no further run is requested by this dispatch.
+   void handleSchedulerRun();
+   // Picks and unlinks the next task from priority `from` down, or null.
+   TaskImpl* pickOneTask(const TaskTimePoint& now, TaskPriority from);
+   // The anti-starvation rule: whether a task below `priority` goes first after
+   // `consecutive` picks in a row at `priority`.
+   bool attemptLowerPriorityBump(TaskPriority priority, unsigned int consecutive) const;
+   void schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& time);
+   bool schedulerHasRunnableTasks() const { return hasRunnableTasks_; }
+   // Takes `task` off `queue` for running, counting it as dispatched.
+   void taskSchedulerUnlinkTask(const TaskTimePoint& now, TaskRunQueue& queue, TaskImpl* task);
+
+   void taskUnregister(TaskImpl* task);
+   void tasksPerPriorityInc(TaskPriority p);
+   void tasksPerPriorityDec(TaskPriority p);
+   void deadTasksPerPriorityInc(TaskPriority p);
+   void deadTasksPerPriorityDec(TaskPriority p);
+   uint32_t tasksPerPriority(TaskPriority p) const;
+   uint32_t deadTasksPerPriority(TaskPriority p) const;
+   void _tasksPerPriority(PriorityCounts* out) const { *out = tasksPerPriority_; }
+   // Folds a dying task's statistics into the record of its stats name.
+   void updateDeadTaskStats(TaskImpl* task);
+   void deadTaskStatsInc(const ConstStringRef& name, TaskStat stat);
+
+   // Tasks queued at `p` (on either queue of the pair).
+   uint32_t runnableTaskCount(TaskPriority p) const;
+   uint32_t runnableTaskCount() const;
+   // Tasks dispatched at `p` since the last statistics clear.
+   uint64_t runTaskCount(TaskPriority p) const;
+
+   TaskDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+   // Applies to tasks created later.
+   void defaultTaskQuantumIs(TaskDuration quantum) { defaultTaskQuantum_ = quantum; }
+   // Marks a run as starting now; returns the wait since the run was requested.
+   TaskDuration checkSchedulerLatency();
+   TaskDuration schedulerLatencyHighWaterMark() const { return schedulerLatencyHighWaterMark_; }
+   TaskTimePoint runRequestedAt() const { return runRequestedAt_; }
+   void runRequestedAtIs(const TaskTimePoint& time) { runRequestedAt_ = time; }
+   TaskTimePoint lastRunAt() const { return lastRunAt_; }
+
+   TaskRunQueue& taskRunQueue(TaskPriority p) { return runQueues_[p]; }
+   void taskRunQueuesMovePersistentToTemporary();
+   void taskRunQueuesMoveTemporaryToPersistent();
+
+   void taskForceYieldInTestNotify(TaskImpl* task, bool on);
+   std::size_t taskForceYieldInTestCount() const { return forcedYieldTasks_.size(); }
+
+   // Statistics: clearStats() resets every task at once; resetStats() spreads the
+   // same work over runs of a ";ResetStats" task of this scheduler (restarting the
+   // walk when one is in progress).
+   void clearStats();
+   void resetStats();
+   void clearStatsCommon();
+   // Appends one record per live task (bookmarks skipped); `clear` empties the vector
+   // first, so a caller can gather several schedulers into one vector.
+   void getTaskStats(std::vector<TaskStat>* out, bool clear) const;
+   // The same for the dead-task records, one per stats name.
+   void getDeadTaskStats(std::vector<TaskStat>* out, bool clear) const;
+
+   const ConstStringRef& schedulerName() const { return name_; }
+   TaskSchedulerRoot* root() const { return root_; }
+   const std::shared_ptr<TaskSchedulerHistory>& history() const { return history_; }
+   ConstStringCache& stringCache() const { return history_->stringCache(); }
+   const RegisteredList& registeredTasks() const { return registeredTasks_; }
+   RegisteredList& registeredTasks() { return registeredTasks_; }
+   const DeadTaskStats& deadTaskStats() const { return deadTaskStats_; }
+   // The task currently run by handleSchedulerRun(), or null.
+   const std::shared_ptr<_TaskBase>& currentlyRunningTask() const { return currentlyRunningTask_; }
+
+   // Test look-ups by name (linear).
+   std::shared_ptr<TaskImpl> taskForTest(const std::string& name);
+   TaskStat taskStatForTest(const std::string& name) const;
+   TaskStat deadTaskStatForTest(const std::string& name) const;
+
+   void recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const {
+      history_->insert(time, type, this);
+   }
+
+protected:
+   // Destroys the reset-statistics task while the scheduler is still whole.
+   void resetStatsTaskRelease();
+
+private:
+   friend class TaskImpl;
+   class ResetStatsTask;
+
+   void handleResetStatsTaskRun();
+   void enqueue(TaskImpl* task, const TaskTimePoint& now);
+   void dequeueUnscheduled(TaskImpl* task);
+   bool rootSuspended() const;
+   void sanityCheckThread() const;
+
+   // First, so that it is destroyed after every name handle below.
+   std::shared_ptr<TaskSchedulerHistory> history_;
+   ConstStringRef name_;
+   TaskSchedulerRoot* root_;
+   DeadTaskStats deadTaskStats_;
+   RegisteredList registeredTasks_;
+   TaskRunQueue runQueues_[TaskPriority::count];
+   TaskTimePoint runRequestedAt_;
+   TaskTimePoint lastRunAt_;
+   TaskDuration defaultTaskQuantum_ = defaultTaskQuantumInitial;
+   TaskDuration schedulerLatencyHighWaterMark_{0};
+   PriorityCounts tasksPerPriority_;
+   PriorityCounts deadTasksPerPriority_;
+   bool hasRunnableTasks_ = false;
+   std::shared_ptr<_TaskBase> currentlyRunningTask_;
+   std::unordered_set<TaskImpl*> forcedYieldTasks_;
+   std::shared_ptr<ResetStatsTask> resetStatsTask_;
+   RegisteredList::Bookmark resetStatsBookmark_;
+   bool resetStatsInProgress_ = false;
+};
+
+// The scheduler's name.
+KORVO_EXPORT std::ostream& operator<<(std::ostream& os, const TaskScheduler* scheduler);
+
+class KORVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::CallbackHandler {
+public:
+   static constexpr unsigned int historyEntryCountDefault = 100;
+
+   // Binds the root to the calling thread and obtains its event-loop callback and the
+   // thread's timer wheel (getTimerWheel()).
+   explicit TaskSchedulerRoot(const std::string& name);
+   // A new root, not installed as the thread's root.
+   static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(const std::string& name);
+
+   bool resetStatsInProgress() const override;
+   // One event-loop callback; requests made while one is pending give one callback.
+   void requestSchedulerRun() override;
+   void handleTaskForceYieldInTest() override {}
+   ~TaskSchedulerRoot() override;
+
+   // The event loop's entry: switches virtual time off, then runs one dispatch.
+   void handleSchedulerRun();
+
+   void registerScheduler(TaskScheduler* scheduler);
+   void unregisterScheduler(TaskScheduler* scheduler);
+   const std::set<TaskScheduler*>& registeredSchedulers() const { return schedulers_; }
+
+   // Fails "Executing in wrong thread ..." when called off the owner thread, unless
+   // the check is disabled, auxThreadCount is non-zero, or this is a forked child.
+   void sanityCheckCurrentRunningThread() const {
+      if (__builtin_expect(pthread_equal(pthread_self(), ownerThread_) == 0, 0)) {
+         sanityCheckOtherThread();
+      }
+   }
+   void threadSanityDisabledIs(bool disabled);
+   bool threadSanityDisabled() const { return threadSanityDisabled_; }
+   // The calling thread's name as the system reports it; empty on failure.
+   static std::string currentThreadName();
+   pthread_t ownerThread() const { return ownerThread_; }
+   pid_t ownerPid() const { return ownerPid_; }
+   const char* ownerThreadName() const { return ownerThreadName_; }
+   bool isMainThread() const { return isMainThread_; }
+   // The wheel that times this root's timer tasks.
+   const std::shared_ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+
+   // While suspended, every dispatch of every scheduler under the root runs nothing;
+   // unsuspending requests a run, so queued work resumes without new schedules.
+   void suspendedIs(bool suspended);
+   bool suspended() const { return suspended_; }
+   // Tasks cannot run under virtual time; a dispatch switches it off first.
+   void virtualTimeIs(bool on);
+   bool virtualTime() const { return virtualTime_; }
+   // Every task without its own ratio yields on every r-th check; 0 is off.
+   void taskTestYieldRatioIs(unsigned char ratio);
+   unsigned char taskTestYieldRatio() const { return testYieldRatio_; }
+   // Re-evaluates the yield mode of every task of every registered scheduler.
+   void taskShouldYieldModeReevaluate();
+
+   // 0 to 100 from the root's own generator; the same sequence in every run.
+   int randomPercent();
+
+   TaskScheduler* findSchedulerForTest(const std::string& name) const;
+   // Registered tasks of all registered schedulers, bookmarks not counted.
+   uint32_t totalRegisteredTaskCount() const;
+   // Registered schedulers other than the root itself.
+   uint32_t taskGroupCount() const;
+
+   unsigned int historyEntryCount() const { return history()->entryCount(); }
+   void historyEntryCountIs(unsigned int n) { history()->entryCountIs(n); }
+   void clearHistory() { history()->clear(); }
+   // limit 4294967295 prints every event without a truncation note.
+   void printHistory(std::ostream& os, unsigned int limit) const { history()->print(os, limit); }
+   void printHistoryStdErr() const;
+
+private:
+   void callback() override;
+   [[noreturn]] void failWrongThread() const;
+   void sanityCheckOtherThread() const;
+
+   std::set<TaskScheduler*> schedulers_;
+   std::shared_ptr<Platform::CallbackControl> callbackControl_;
+   std::shared_ptr<TimerWheel> timerWheel_;
+   pthread_t ownerThread_;
+   pid_t ownerPid_;
+   char ownerThreadName_[16] = {};
+   bool threadSanityDisabled_ = false;
+   bool suspended_ = false;
+   bool virtualTime_ = false;
+   bool isMainThread_ = false;
+   unsigned char testYieldRatio_ = 0;
+   unsigned int randomSeed_ = 0;
+};
+
+// The calling thread's root, made on first use ("main" on the main thread, else
+// "thread:<id>") and released when the thread exits.
+KORVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKorvo();
+// A new root that is not installed as the thread's root.
+KORVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKorvoNonShared(
+    const std::string& name);
+
+}  // namespace Korvo
+
+#endif

@@ -1,0 +1,437 @@
+#define KORVO_SOURCE_FILE "LibeventFactoryCpp"
+#include "LibeventFactory.h"
+
+#include "Korvo/Allocator.h"
+#include "Korvo/Exception.h"
+#include "Korvo/Thread.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+// Control traces start with "Class::method:line " so that a line can be traced back
+// to its site without the line-info trace field.
+#define KORVO_LE_TRACE(level, where, msg) \
+   KORVO_TRACE(::Korvo::leDebug(), level, where ":" << __LINE__ << " " << msg)
+
+namespace Korvo {
+
+thread_local constinit LeThreadState leState;
+
+Platform::DebugHandler& leDebug() {
+   // Made at first use and never freed: loops on other threads may trace until the
+   // process is gone, after static destructors have run.
+   static std::shared_ptr<Platform::DebugHandler>* const handler =
+       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent"));
+   return **handler;
+}
+
+namespace {
+// The channel exists from load on, so that TRACE and later level changes reach it.
+[[maybe_unused]] const bool leDebugMadeAtLoad = (leDebug(), true);
+}  // namespace
+
+// ---- Diagnostics.
+
+void le_debug_cb(int severity, const char* msg) {
+   unsigned level = 0;
+   switch (severity) {
+      case EVENT_LOG_DEBUG:
+         level = 9;
+         break;
+      case EVENT_LOG_MSG:
+         level = 5;
+         break;
+      case EVENT_LOG_WARN:
+         level = 1;
+         break;
+      case EVENT_LOG_ERR:
+         level = 0;
+         break;
+      default:
+         KORVO_FAIL("invalid libevent severity:" << severity << " msg:" << (msg ? msg : ""));
+   }
+   Platform::DebugHandler& debug = leDebug();
+   if (!debug.enabled(level)) {
+      return;
+   }
+   Platform::DebugStream stream;
+   stream << "libevent: ";
+   if (msg) {
+      stream << msg;
+   } else {
+      // Streaming a null char* is undefined; a failed stream keeps the prefix alone.
+      stream.setstate(std::ios::failbit);
+   }
+   debug.dump(stream, level, __FILE__, __LINE__, __func__);
+}
+
+void le_fatal_cb(int err) {
+   KORVO_FAIL("libevent fatal error:" << err);
+}
+
+// ---- Time conversions.
+
+timeval timevalFromMicros(int64_t micros) {
+   int64_t sec = micros / 1000000;
+   int64_t usec = micros % 1000000;
+   if (usec < 0) {
+      usec += 1000000;
+      --sec;
+   }
+   timeval tv;
+   tv.tv_sec = static_cast<time_t>(sec);
+   tv.tv_usec = static_cast<suseconds_t>(usec);
+   return tv;
+}
+
+timeval timevalFromSeconds(double seconds, const char* what) {
+   KORVO_ASSERT(!std::isnan(seconds), what << ": seconds is NaN");
+   if (!(seconds > 0.0)) {
+      return timeval{0, 0};
+   }
+   seconds = std::min(seconds, Platform::maxDelaySeconds);
+   // Rounded, not truncated: 0.3 * 1e6 is 299999.99999999994, and a timer must not
+   // fire a microsecond before the delay its caller wrote.
+   return timevalFromMicros(std::llround(seconds * 1e6));
+}
+
+// ---- The thread's event base.
+
+void setMainThread() {
+   leState.mainThread = isMainThread();
+}
+
+namespace {
+
+event_base* makeBase() {
+   // Our controls embed struct event, so its size is part of our binary interface
+   // with libevent; a mismatch would corrupt memory on the first event_assign.
+   KORVO_ASSERT(event_get_struct_event_size() == sizeof(event),
+                "libevent's struct event has " << event_get_struct_event_size()
+                                               << " bytes, built against " << sizeof(event));
+   event_set_fatal_callback(le_fatal_cb);
+   event_set_log_callback(le_debug_cb);
+   // The precise clock is the one Korvo::time() reads (libevent's default, the coarse
+   // clock, lags it by up to a tick and would fire timers early by Korvo::time()). Without
+   // the time cache a timeout armed late in a long callback is measured from when it was
+   // armed, not from when the pass began; it costs one clock read per timeout added.
+   event_config* config = event_config_new();
+   KORVO_ASSERT(config != nullptr, "event_config_new failed");
+   event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER | EVENT_BASE_FLAG_NO_CACHE_TIME);
+   event_base* base = event_base_new_with_config(config);
+   event_config_free(config);
+   KORVO_ASSERT(base != nullptr, "event_base_new failed");
+   return base;
+}
+
+}  // namespace
+
+void leInit() {
+   if (leState.base != nullptr) {
+      return;
+   }
+   leState.base = makeBase();
+   setMainThread();
+}
+
+void leRegisterBase(event_base* base) {
+   if (leState.base != nullptr && leState.base != base) {
+      // The two blanks around "thread_local" are part of the established text.
+      KORVO_FAIL("Tried to register a base:" << DisplayPointer(base) << " but a thread_local "
+                                             << " base already exists: "
+                                             << DisplayPointer(leState.base));
+   }
+   leState.base = base;
+   setMainThread();
+}
+
+void leFree() {
+   if (leState.base == nullptr) {
+      return;
+   }
+   event_base_free(leState.base);
+   leState.base = nullptr;
+}
+
+bool leInitialized() {
+   return leState.base != nullptr;
+}
+
+event_base* leBase() {
+   return leState.base;
+}
+
+void leForkReinit() {
+   if (leState.base == nullptr) {
+      leInit();
+      return;
+   }
+   const int rc = event_reinit(leState.base);
+   KORVO_ASSERT(rc == 0, "event_reinit failed in forked child");
+   // The forking thread is the child's main thread, whichever it was in the parent.
+   setMainThread();
+}
+
+// ---- Timer control.
+
+LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler)
+    : timeoutHandler_(handler) {
+   leInit();
+   // Assigned once for good: the callback and its argument never change, so arming
+   // is a bare event_add.
+   event_assign(&event_, leState.base, -1, 0, &LibeventTimerControl::handleTimeout, this);
+}
+
+LibeventTimerControl::~LibeventTimerControl() {
+   LibeventTimerControl::delTimeout();
+   event_debug_unassign(&event_);
+}
+
+void LibeventTimerControl::setTimeout(double seconds) {
+   const timeval delay = timevalFromSeconds(seconds, "LibeventTimerControl::setTimeout");
+   delTimeout();
+   KORVO_LE_TRACE(9, "LibeventTimerControl::setTimeout",
+                  "Timer " << DisplayPointer(this) << " set timeout " << seconds);
+   event_add(&event_, &delay);
+}
+
+void LibeventTimerControl::delTimeout() {
+   KORVO_LE_TRACE(9, "LibeventTimerControl::delTimeout",
+                  "Timer " << DisplayPointer(this) << " del timeout");
+   event_del(&event_);
+}
+
+bool LibeventTimerControl::pending() const {
+   return event_pending(&event_, EV_TIMEOUT, nullptr) != 0;
+}
+
+double LibeventTimerControl::remainingTimeout() const {
+   if (!pending()) {
+      return std::numeric_limits<double>::infinity();
+   }
+   // Both readings are on the base's own scale (see event_base_now), so the difference
+   // is exact whatever the wall clock does; "now" is read first because it may refresh
+   // the base's wall-clock offset that event_pending applies.
+   timeval now;
+   event_base_now(event_get_base(&event_), &now);
+   timeval expiry;
+   event_pending(&event_, EV_TIMEOUT, &expiry);
+   const int64_t remaining = microsFromTimeval(expiry) - microsFromTimeval(now);
+   return remaining > 0 ? static_cast<double>(remaining) / 1e6 : 0.0;
+}
+
+void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) {
+   auto* self = static_cast<LibeventTimerControl*>(control);
+   callFromLoop([self] { self->handleExpiry(); });
+}
+
+void LibeventTimerControl::handleExpiry() {
+   KORVO_LE_TRACE(9, "LibeventTimerControl::handleExpiry",
+                  "Timer " << DisplayPointer(this) << " expired");
+   // Nothing of the control is touched after the call: the handler may destroy it.
+   Platform::TimeoutHandler* handler = timeoutHandler_;
+   try {
+      handler->timeout();
+   } catch (...) {
+      if (!handler->handleTimeoutException()) {
+         throw;
+      }
+      KORVO_LE_TRACE(9, "LibeventTimerControl::handleExpiry",
+                     "Timeout notification exception was handled");
+   }
+}
+
+// ---- Callback control.
+
+LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
+    : LibeventTimerControl(this), callbackHandler_(handler) {}
+
+LibeventCallbackControl::~LibeventCallbackControl() {
+   LibeventCallbackControl::cancelCallback();
+}
+
+void LibeventCallbackControl::requestCallback() {
+   KORVO_LE_TRACE(9, "LibeventCallbackControl::requestCallback",
+                  "Callback " << DisplayPointer(this) << " request");
+   // A zero timeout runs on the next pass, after the callbacks of the current one; a
+   // second request re-adds the same event, so requests coalesce.
+   LibeventTimerControl::setTimeout(0.0);
+}
+
+void LibeventCallbackControl::cancelCallback() {
+   KORVO_LE_TRACE(9, "LibeventCallbackControl::cancelCallback",
+                  "Callback " << DisplayPointer(this) << " cancel");
+   LibeventTimerControl::delTimeout();
+}
+
+bool LibeventCallbackControl::pendingCallback() const {
+   return LibeventTimerControl::pending();
+}
+
+void LibeventCallbackControl::timeout() {
+   KORVO_LE_TRACE(9, "LibeventCallbackControl::timeout",
+                  "Callback " << DisplayPointer(this) << " execute");
+   Platform::CallbackHandler* handler = callbackHandler_;
+   try {
+      handler->callback();
+   } catch (...) {
+      if (!handler->handleCallbackException()) {
+         throw;
+      }
+      KORVO_LE_TRACE(9, "LibeventCallbackControl::timeout",
+                     "Callback notification exception was handled");
+   }
+}
+
+// ---- Descriptor control.
+
+LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : fdHandler_(handler) {
+   leInit();
+   event_assign(&readEvent_, leState.base, -1, 0, &LibeventFdControl::handleFdRead, this);
+   event_assign(&writeEvent_, leState.base, -1, 0, &LibeventFdControl::handleFdWrite, this);
+}
+
+LibeventFdControl::~LibeventFdControl() {
+   LibeventFdControl::delFd();
+   event_debug_unassign(&readEvent_);
+   event_debug_unassign(&writeEvent_);
+}
+
+namespace {
+
+// Points `ev` at `fd` for `what` and adds it. libevent refuses some descriptors (epoll
+// takes no regular files); the watch is then simply not there, which we trace rather
+// than let the loop wait for an event that cannot come.
+void armFdEvent(event* ev, int fd, short what, event_callback_fn callback, void* control) {
+   event_del(ev);
+   event_assign(ev, event_get_base(ev), fd, what, callback, control);
+   if (event_add(ev, nullptr) != 0) {
+      KORVO_LE_TRACE(1, "LibeventFdControl::armFdEvent",
+                     "Fd " << DisplayPointer(control) << " cannot watch fd " << fd << " for "
+                           << ((what & EV_READ) ? "reads" : "writes"));
+   }
+}
+
+// Withdraws the watch and forgets its descriptor.
+void disarmFdEvent(event* ev, event_callback_fn callback, void* control) {
+   event_del(ev);
+   event_assign(ev, event_get_base(ev), -1, 0, callback, control);
+}
+
+}  // namespace
+
+void LibeventFdControl::armRead() {
+   armFdEvent(&readEvent_, fd_, EV_READ | EV_PERSIST, &LibeventFdControl::handleFdRead, this);
+}
+
+void LibeventFdControl::armWrite() {
+   // Deliberately without EV_PERSIST: a write watch is spent after one event.
+   armFdEvent(&writeEvent_, fd_, EV_WRITE, &LibeventFdControl::handleFdWrite, this);
+}
+
+void LibeventFdControl::setFd(int fd) {
+   const int flags = fcntl(fd, F_GETFL);
+   KORVO_ASSERT(flags >= 0, "flags >= 0 (fd " << fd << ": " << std::strerror(errno) << ")");
+   const int result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+   KORVO_ASSERT(result == 0, "result == 0 (fd " << fd << ": " << std::strerror(errno) << ")");
+   KORVO_LE_TRACE(9, "LibeventFdControl::setFd", "Fd " << DisplayPointer(this) << " set fd " << fd);
+   fd_ = fd;
+   // Re-armed even when the number is unchanged: it may name a new file by now, and
+   // the kernel's registration was for the old one.
+   if (reads_) {
+      armRead();
+   }
+   if (writes_) {
+      armWrite();
+   }
+}
+
+void LibeventFdControl::setReads(bool on) {
+   reads_ = on;
+   if (fd_ < 0) {
+      return;
+   }
+   if (!on) {
+      disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
+   } else if (!event_pending(&readEvent_, EV_READ, nullptr)) {
+      armRead();
+   }
+}
+
+void LibeventFdControl::setWrites(bool on) {
+   writes_ = on;
+   if (fd_ < 0) {
+      return;
+   }
+   if (!on) {
+      disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
+   } else if (!event_pending(&writeEvent_, EV_WRITE, nullptr)) {
+      armWrite();
+   }
+}
+
+void LibeventFdControl::clearEvents() {
+   disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
+   disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
+}
+
+void LibeventFdControl::delFd() {
+   KORVO_LE_TRACE(9, "LibeventFdControl::delFd",
+                  "Fd " << DisplayPointer(this) << " del fd " << fd_);
+   clearEvents();
+   fd_ = -1;
+}
+
+void LibeventFdControl::handleFdRead(evutil_socket_t, short, void* control) {
+   auto* self = static_cast<LibeventFdControl*>(control);
+   callFromLoop([self] { self->handleRead(); });
+}
+
+void LibeventFdControl::handleFdWrite(evutil_socket_t, short, void* control) {
+   auto* self = static_cast<LibeventFdControl*>(control);
+   callFromLoop([self] { self->handleWrite(); });
+}
+
+void LibeventFdControl::handleRead() {
+   const int fd = getFd();
+   Platform::FdEventHandler* handler = fdHandler_;
+   try {
+      handler->readFdEvent(fd);
+   } catch (...) {
+      if (!handler->handleFdException(fd)) {
+         throw;
+      }
+   }
+}
+
+void LibeventFdControl::handleWrite() {
+   const int fd = getFd();
+   Platform::FdEventHandler* handler = fdHandler_;
+   try {
+      handler->writeFdEvent(fd);
+   } catch (...) {
+      if (!handler->handleFdException(fd)) {
+         throw;
+      }
+   }
+}
+
+// ---- Factories.
+
+std::shared_ptr<LibeventTimerControl> getLeTimerControl(Platform::TimeoutHandler* handler) {
+   return makeShared<LibeventTimerControl>(handler);
+}
+
+std::shared_ptr<LibeventCallbackControl> getLeCallbackControl(Platform::CallbackHandler* handler) {
+   return makeShared<LibeventCallbackControl>(handler);
+}
+
+std::shared_ptr<LibeventFdControl> getLeFdControl(Platform::FdEventHandler* handler) {
+   return makeShared<LibeventFdControl>(handler);
+}
+
+}  // namespace Korvo

@@ -1,0 +1,208 @@
+#ifndef KORVO_SRC_LIBEVENTFACTORY_H
+#define KORVO_SRC_LIBEVENTFACTORY_H
+
+// The libevent back-end of the platform controls, its loop runners and virtual time.
+// Not installed: the library's own components and its tests include it; clients use
+// Korvo/Platform.h.
+
+#include <Korvo/Debug.h>
+#include <Korvo/Export.h>
+#include <Korvo/Platform.h>
+
+#include <event2/event.h>
+#include <event2/event_struct.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace Korvo {
+
+// The "KorvoLibevent" trace channel: control operations at level 9, virtual-time jumps
+// at level 2, libevent's own messages at the level of their severity.
+KORVO_EXPORT Platform::DebugHandler& leDebug();
+
+// Per-thread state of the back-end. Trivially destructible and constant-initialised,
+// so reaching it from any of the back-end's files costs no initialisation check.
+struct LeThreadState {
+   event_base* base = nullptr;
+   // Whether the thread that made or registered `base` is the process's main thread.
+   bool mainThread = false;
+   // Virtual-time offset; usec stays in [0, 999999].
+   int64_t offsetSec = 0;
+   int64_t offsetUsec = 0;
+};
+extern thread_local constinit LeThreadState leState;
+
+// Sets leState.mainThread from isMainThread().
+void setMainThread();
+
+// libevent's log callback: "libevent: " and the message on leDebug(), at level 9, 5, 1
+// or 0 for debug, msg, warn and err; any other severity is an assertion failure.
+KORVO_EXPORT void le_debug_cb(int severity, const char* msg);
+// libevent's fatal-error callback: an assertion failure ("libevent fatal error:").
+KORVO_EXPORT void le_fatal_cb(int err);
+
+// A delay in seconds as a timeval: to the nearest microsecond, negative as 0, above
+// Platform::maxDelaySeconds clamped. NaN is an assertion failure naming `what`.
+KORVO_EXPORT timeval timevalFromSeconds(double seconds, const char* what);
+inline double secondsFromTimeval(const timeval& tv) {
+   return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+}
+inline int64_t microsFromTimeval(const timeval& tv) {
+   return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
+}
+// Normalised: usec in [0, 999999] also for negative values.
+KORVO_EXPORT timeval timevalFromMicros(int64_t micros);
+
+// ---- Timeout operations libevent does not offer, written over its public interface.
+// Absolute times are on the scale event_pending() reports: the base's monotonic clock
+// mapped by the base's current offset to the wall clock. Only differences of such
+// values mean anything, and they are exact in the base's own clock.
+//
+// Timeouts of persistent events (EV_PERSIST with a timeout, which our controls never
+// use) are left out of both operations: libevent's public interface cannot move such
+// an expiry without changing the event's period for good, so on a base adopted with
+// leRegisterBase they keep running on real time under fast-forward.
+
+// The present time of `base` on that scale: the time libevent would measure a timeout
+// from if one were added now (its cached time inside a loop pass when the base caches).
+KORVO_EXPORT void event_base_now(event_base* base, timeval* now);
+// 0 and the earliest expiry among the base's pending timeouts (including timeouts that
+// have expired but whose callbacks have not run yet), or -1 when none is pending.
+// O(number of events in the base).
+KORVO_EXPORT int event_base_get_first_timeout(event_base* base, timeval* first);
+// Moves every pending timeout of `base` `delta` earlier, keeping their order; returns
+// how many were moved, or -1 for a negative delta. Timeouts that had expired but not
+// run yet are moved as well, so they run on the next pass, still first. New expiries are
+// exact to the microsecond libevent keeps (give or take the one-microsecond jitter of
+// the base's wall-clock mapping). An event added with a common timeout moves to the
+// ordinary timeout heap. O(n log n) in the pending timeouts; safe inside a callback of
+// the base's loop.
+KORVO_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* delta);
+
+// ---- Controls.
+
+class KORVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
+public:
+   explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
+   ~LibeventTimerControl() override;
+   LibeventTimerControl(const LibeventTimerControl&) = delete;
+   LibeventTimerControl& operator=(const LibeventTimerControl&) = delete;
+
+   void setTimeout(double seconds) override;
+   void delTimeout() override;
+   double remainingTimeout() const override;
+   // Whether an expiry is pending (armed, or expired with the handler not yet run).
+   bool pending() const;
+
+   // Calls the handler's timeout() under the exception policy.
+   void handleExpiry();
+   static void handleTimeout(evutil_socket_t, short, void* control);
+
+private:
+   Platform::TimeoutHandler* timeoutHandler_;
+   event event_;
+};
+
+// A callback is a zero-length timer of the control itself.
+class KORVO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
+                                             private Platform::TimeoutHandler,
+                                             private LibeventTimerControl {
+public:
+   explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
+   ~LibeventCallbackControl() override;
+
+   void requestCallback() override;
+   void cancelCallback() override;
+   bool pendingCallback() const override;
+
+private:
+   void timeout() override;
+
+   Platform::CallbackHandler* callbackHandler_;
+};
+
+class KORVO_EXPORT LibeventFdControl : public Platform::FdControl {
+public:
+   explicit LibeventFdControl(Platform::FdEventHandler* handler);
+   ~LibeventFdControl() override;
+   LibeventFdControl(const LibeventFdControl&) = delete;
+   LibeventFdControl& operator=(const LibeventFdControl&) = delete;
+
+   void setReads(bool on) override;
+   void setWrites(bool on) override;
+   void setFd(int fd) override;
+   void delFd() override;
+   int getFd() const override { return fd_; }
+   void clearEvents() override;
+
+   bool reads() const { return reads_; }
+   bool writes() const { return writes_; }
+
+   static void handleFdRead(evutil_socket_t, short, void* control);
+   static void handleFdWrite(evutil_socket_t, short, void* control);
+
+private:
+   void armRead();
+   void armWrite();
+   void handleRead();
+   void handleWrite();
+
+   Platform::FdEventHandler* fdHandler_;
+   int fd_ = -1;
+   bool reads_ = true;
+   bool writes_ = false;
+   event readEvent_;
+   event writeEvent_;
+};
+
+KORVO_EXPORT std::shared_ptr<LibeventTimerControl> getLeTimerControl(
+    Platform::TimeoutHandler* handler);
+KORVO_EXPORT std::shared_ptr<LibeventCallbackControl> getLeCallbackControl(
+    Platform::CallbackHandler* handler);
+KORVO_EXPORT std::shared_ptr<LibeventFdControl> getLeFdControl(Platform::FdEventHandler* handler);
+
+// ---- Loop runners.
+
+struct KORVO_EXPORT EvLoopBreak {
+   // Breaks the thread's loop and deletes `event`, the break event itself.
+   static void handleBaseLoopBreak(evutil_socket_t, short, void* event);
+};
+
+// Runs `call` (a client handler call) so that an exception leaving it never unwinds
+// through libevent while doEventLoop runs: it is parked, the loop is broken, and the
+// loop runner rethrows it once libevent has returned. Outside our loop runners (code
+// that dispatches the base itself) the exception propagates as it is.
+// Called in a catch handler: parks the current exception, or rethrows it when no loop
+// runner of ours is active on this thread.
+KORVO_EXPORT void parkLoopException();
+template <typename Call>
+inline void callFromLoop(Call&& call) {
+   try {
+      call();
+   } catch (...) {
+      parkLoopException();
+   }
+}
+
+// Runs the loop for `seconds` of real time behind a break event, which is removed
+// again however the dispatch ends.
+KORVO_EXPORT void eventLoopTimeout(double seconds);
+
+// ---- Virtual time.
+
+// Moves every pending timeout of this thread's base and this thread's offset `delta`
+// ahead (traced at level 2).
+KORVO_EXPORT void applyFastForwardDelta(const timeval* delta);
+// The jump that makes the first pending timeout due (100us past it), zero when it is
+// already due; false when no timeout is pending. Fast-forward must be on.
+KORVO_EXPORT bool fastForwardDelayToFirstTimer(timeval* delay);
+// Jumps `delta` and runs one pass of the loop.
+KORVO_EXPORT void eventLoopFastForward(const timeval* delta);
+// Jumps to the first timer, but at most `maxSeconds`, and runs one pass.
+KORVO_EXPORT void eventLoopFastForwardToFirstTimer(double maxSeconds);
+
+}  // namespace Korvo
+
+#endif

@@ -1,0 +1,371 @@
+#define KORVO_SOURCE_FILE "TimerWheelCpp"
+#include "Korvo/TimerWheel.h"
+
+#include "Korvo/Allocator.h"
+#include "Korvo/Debug.h"
+#include "Korvo/Exception.h"
+#include "Korvo/Thread.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Korvo {
+namespace {
+
+constexpr uint32_t notLinkedFlag = 4;
+constexpr uint32_t inTimerWheelFlag = 8;
+constexpr uint32_t inTimersExpiryingSoonFlag = 16;
+constexpr uint32_t stateFlags = notLinkedFlag | inTimerWheelFlag | inTimersExpiryingSoonFlag;
+
+// Made at load, never destroyed: wheels of exiting threads still trace.
+Platform::DebugHandler& debug() {
+   static auto* const handler =
+       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoTimerWheel"));
+   return **handler;
+}
+[[maybe_unused]] const bool debugMadeAtLoad = (debug(), true);
+
+#define WHEEL_TRACE(level, method, msg) \
+   KORVO_TRACE(debug(), level, "TimerWheel::" method ":" << __LINE__ << " " << msg)
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, TimerWheelState state) {
+   switch (state) {
+      case TimerWheelState::notLinked:
+         return os << "notLinked";
+      case TimerWheelState::inTimerWheel:
+         return os << "inTimerWheel";
+      case TimerWheelState::inTimersExpiryingSoon:
+         return os << "inTimersExpiryingSoon";
+   }
+   return os << "unknownState";
+}
+
+// ---- TimerWheelEvent --------------------------------------------------------
+
+TimerWheelEvent::TimerWheelEvent() : timersAtTimeout_(nullptr), expirationTime_(infinity()) {
+   // Every tick handed to the wheel is absolute.
+   timeout_init(&record_, static_cast<int>(notLinkedFlag | TIMEOUT_ABS));
+}
+
+TimerWheelEvent::~TimerWheelEvent() {
+   KORVO_ASSERT(state() == TimerWheelState::notLinked,
+                "TimerWheelEvent " << DisplayPointer(this) << " destroyed while " << state());
+}
+
+void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, double delay) {
+   wheel->timerStart(this, delay);
+}
+
+double TimerWheelEvent::remainingTimeout() const {
+   if (!running()) {
+      return infinity();
+   }
+   const double remaining = expirationTime_ - Korvo::time();
+   return remaining > 0.0 ? remaining : 0.0;
+}
+
+uint32_t TimerWheelEvent::stateToTimeoutFlags(TimerWheelState state) {
+   switch (state) {
+      case TimerWheelState::notLinked:
+         return notLinkedFlag;
+      case TimerWheelState::inTimerWheel:
+         return inTimerWheelFlag;
+      case TimerWheelState::inTimersExpiryingSoon:
+         return inTimersExpiryingSoonFlag;
+   }
+   KORVO_FAIL("invalid state " << static_cast<unsigned>(state));
+   return 0;
+}
+
+TimerWheelState TimerWheelEvent::timeoutFlagsToState(uint32_t flags) {
+   switch (flags & stateFlags) {
+      case notLinkedFlag:
+         return TimerWheelState::notLinked;
+      case inTimerWheelFlag:
+         return TimerWheelState::inTimerWheel;
+      case inTimersExpiryingSoonFlag:
+         return TimerWheelState::inTimersExpiryingSoon;
+   }
+   KORVO_FAIL("None or multiple of our flags set " << (flags & stateFlags));
+   return TimerWheelState::notLinked;
+}
+
+TimerWheelState TimerWheelEvent::state() const {
+   return timeoutFlagsToState(record_.flags);
+}
+
+void TimerWheelEvent::stateIs(TimerWheelState next) {
+   const TimerWheelState current = state();
+   // Every move goes through notLinked, so no state can be entered twice.
+   KORVO_ASSERT(
+       current == TimerWheelState::notLinked || next == TimerWheelState::notLinked,
+       "State change " << current << "->" << next << " must go via " << TimerWheelState::notLinked);
+   record_.flags = (record_.flags & ~stateFlags) | stateToTimeoutFlags(next);
+}
+
+TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(struct timeout* record) {
+   // offsetof on a polymorphic class is "conditionally supported"; g++ and clang
+   // support it for a class without virtual bases, which this is, and it saves a
+   // back-pointer in every timer.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+   return reinterpret_cast<TimerWheelEvent*>(reinterpret_cast<char*>(record) -
+                                             offsetof(TimerWheelEvent, record_));
+#pragma GCC diagnostic pop
+}
+
+// ---- TimersAtTimeout ----------------------------------------------------------
+
+TimersAtTimeout::~TimersAtTimeout() {
+   KORVO_ASSERT(events_.empty(), "Destroyed while non-empty");
+}
+
+void TimersAtTimeout::pushBack(TimerWheelEvent* event) {
+   KORVO_ASSERT(event->timersAtTimeout_ == nullptr,
+                "pending set to " << DisplayPointer(event->timersAtTimeout_));
+   events_.push_back(*event);
+   event->timersAtTimeout_ = this;
+   event->stateIs(TimerWheelState::inTimersExpiryingSoon);
+}
+
+TimerWheelEvent* TimersAtTimeout::popFront() {
+   TimerWheelEvent* event = &events_.front();
+   remove(event);
+   return event;
+}
+
+void TimersAtTimeout::remove(TimerWheelEvent* event) {
+   KORVO_ASSERT(event->state() == TimerWheelState::inTimersExpiryingSoon,
+                "Removing from timersExpiryingSoon in state " << event->state());
+   events_.erase(events_.iterator_to(*event));
+   event->timersAtTimeout_ = nullptr;
+   event->stateIs(TimerWheelState::notLinked);
+}
+
+// ---- TimerWheel -----------------------------------------------------------------
+
+timeout_t TimerWheel::currentTick(double now) {
+   // Now rounds up and expiries round down: the wheel reports a timer at the
+   // latest in the tick holding its expiry, and the exact check holds back those
+   // that are still early.
+   // Library time is never negative, so a conversion is floor and one more
+   // compare is ceil; std::ceil/std::floor would be calls into libm here.
+   const double ticks = now * ticksPerSecond;
+   const auto whole = static_cast<timeout_t>(ticks);
+   return static_cast<double>(whole) < ticks ? whole + 1 : whole;
+}
+
+timeout_t TimerWheel::expiryTick(double expiry) {
+   return static_cast<timeout_t>(expiry * ticksPerSecond);
+}
+
+TimerWheel::TimerWheel() : error_(0), masterExpiry_(TimerWheelEvent::infinity()), wheel_(nullptr) {
+   wheel_ = timeouts_open(ticksPerSecond, &error_);
+   KORVO_ASSERT(wheel_ != nullptr && error_ == 0, "Error code " << error_);
+   masterTimer_ = Platform::getTimerControl(static_cast<Platform::TimeoutHandler*>(this));
+   setCurrentTime();
+}
+
+TimerWheel::~TimerWheel() {
+   masterTimer_->delTimeout();
+   // Whatever is still linked is forgotten, not fired: its owners are going too.
+   for (auto& [time, list] : timersExpiringSoon_) {
+      while (!list.empty()) {
+         TimerWheelEvent* event = list.popFront();
+         event->expirationTime_ = TimerWheelEvent::infinity();
+      }
+   }
+   timeouts_close(wheel_);
+}
+
+void TimerWheel::setCurrentTime() {
+   const double now = Korvo::time();
+   const timeout_t tick = currentTick(now);
+   WHEEL_TRACE(8, "setCurrentTime", "advance time to " << now << " tick " << tick);
+   timeouts_update(wheel_, tick);
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
+   timerStartAt(event, Korvo::time() + delay);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
+   KORVO_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   // Like the libevent controls, a time in the past means "due at once".
+   expiry = std::max(expiry, 0.0);
+   if (expiry == event->expirationTime_) {
+      return;
+   }
+   if (event->running()) {
+      timerStop(event);
+   }
+   event->expirationTime_ = expiry;
+   const timeout_t tick = expiryTick(expiry);
+   WHEEL_TRACE(9, "timerStart",
+               "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
+                        << " expire at " << expiry << " tick " << tick);
+   timeouts_add(wheel_, &event->record_, tick);
+   event->stateIs(TimerWheelState::inTimerWheel);
+   if (masterExpiry_ > expiry) {
+      setMasterTimer();
+   }
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+   if (!event->running()) {
+      WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout, not running");
+      return;
+   }
+   WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout");
+   switch (event->state()) {
+      case TimerWheelState::inTimerWheel:
+         timeouts_del(wheel_, &event->record_);
+         event->stateIs(TimerWheelState::notLinked);
+         break;
+      case TimerWheelState::inTimersExpiryingSoon:
+         KORVO_ASSERT(event->timersAtTimeout_ != nullptr, "No timersAtTimeout");
+         event->timersAtTimeout_->remove(event);
+         break;
+      case TimerWheelState::notLinked:
+         KORVO_FAIL("Not linked but expirationTime=" << event->expirationTime_);
+   }
+   event->expirationTime_ = TimerWheelEvent::infinity();
+}
+
+void TimerWheel::timerExpired(TimerWheelEvent* event) const {
+   WHEEL_TRACE(9, "timerExpired", "timer " << DisplayPointer(event) << " expired");
+   event->expirationTime_ = TimerWheelEvent::infinity();
+   event->timeout();
+}
+
+void TimerWheel::moveExpiredToExpiringSoon() {
+   while (struct timeout* record = timeouts_get(wheel_)) {
+      TimerWheelEvent* event = TimerWheelEvent::timeoutLink2TimerWheelEvent(record);
+      event->stateIs(TimerWheelState::notLinked);
+      timersExpiringSoon_[event->expirationTime_].pushBack(event);
+   }
+}
+
+void TimerWheel::runDueExpiringSoon(double now) {
+   auto it = timersExpiringSoon_.begin();
+   while (it != timersExpiringSoon_.end()) {
+      if (it->first > now) {
+         WHEEL_TRACE(9, "timeout",
+                     "Defer processing timers with expiry time " << it->first << " > now " << now);
+         return;
+      }
+      // Always the front: a handler may stop or restart any event, these included.
+      while (!it->second.empty()) {
+         timerExpired(it->second.popFront());
+      }
+      it = timersExpiringSoon_.erase(it);
+   }
+}
+
+void TimerWheel::timeout() {
+   WHEEL_TRACE(8, "timeout", "master timer expired");
+   const double now = Korvo::time();
+   timeouts_update(wheel_, currentTick(now));
+   moveExpiredToExpiringSoon();
+   try {
+      runDueExpiringSoon(now);
+   } catch (...) {
+      // The master timer has just fired and is idle: arm it for what is still
+      // due before the exception leaves, or those timers would wait for an
+      // unrelated timerStart.
+      setMasterTimer();
+      throw;
+   }
+   setMasterTimer();
+}
+
+void TimerWheel::dropEmptyExpiringSoon() {
+   while (!timersExpiringSoon_.empty() && timersExpiringSoon_.begin()->second.empty()) {
+      timersExpiringSoon_.erase(timersExpiringSoon_.begin());
+   }
+}
+
+void TimerWheel::setMasterTimer() {
+   const double now = Korvo::time();
+   timeouts_update(wheel_, currentTick(now));
+   dropEmptyExpiringSoon();
+   if (!timersExpiringSoon_.empty()) {
+      const double first = timersExpiringSoon_.begin()->first;
+      if (now >= first) {
+         WHEEL_TRACE(
+             8, "setMasterTimer",
+             "has expired timers, firstExpiryTime=" << first << ", set master timer timeout 0");
+         masterTimer_->setTimeout(0.0);
+      } else {
+         WHEEL_TRACE(8, "setMasterTimer",
+                     "has scheduled timers, firstExpiryTime=" << first << " now=" << now
+                                                              << ", set master timer timeout "
+                                                              << first - now);
+         masterTimer_->setTimeout(first - now);
+      }
+      masterExpiry_ = first;
+   } else if (timeouts_expired(wheel_)) {
+      WHEEL_TRACE(8, "setMasterTimer", "has expired timers, set master timer timeout 0");
+      masterTimer_->setTimeout(0.0);
+      masterExpiry_ = 0.0;
+   } else if (timeouts_pending(wheel_)) {
+      const timeout_t ticks = timeouts_timeout(wheel_);
+      const double delay = static_cast<double>(ticks) / ticksPerSecond;
+      WHEEL_TRACE(8, "setMasterTimer",
+                  "has scheduled timers, first timer expiry in "
+                      << ticks << " ticks, set master timer timeout " << delay);
+      masterTimer_->setTimeout(delay);
+      masterExpiry_ = now + delay;
+   } else {
+      WHEEL_TRACE(8, "setMasterTimer", "has no timers, del master timer timeout");
+      masterTimer_->delTimeout();
+      masterExpiry_ = TimerWheelEvent::infinity();
+   }
+}
+
+// ---- singletons and the wheel-backed timer control ----------------------------------
+
+std::shared_ptr<TimerWheel> getTimerWheel() {
+   if (hasThreadLocalSingletons()) {
+      thread_local std::shared_ptr<TimerWheel> perThread;
+      if (!perThread) {
+         perThread = makeShared<TimerWheel>();
+      }
+      return perThread;
+   }
+   // Never destroyed: its master timer lives on an event base that may already
+   // be gone when static destructors run.
+   static auto* const perProcess = new std::shared_ptr<TimerWheel>(makeShared<TimerWheel>());
+   return *perProcess;
+}
+
+namespace {
+
+class TimerWheelTimerControl final : public Platform::TimerControl, public TimerWheelEvent {
+public:
+   TimerWheelTimerControl(Platform::TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
+       : handler_(handler), wheel_(std::move(wheel)) {}
+   ~TimerWheelTimerControl() override { wheel_->timerStop(this); }
+
+   void setTimeout(double seconds) override { wheel_->timerStart(this, seconds); }
+   void delTimeout() override { wheel_->timerStop(this); }
+   double remainingTimeout() const override { return TimerWheelEvent::remainingTimeout(); }
+   void timeout() override { handler_->timeout(); }
+
+private:
+   Platform::TimeoutHandler* handler_;
+   std::shared_ptr<TimerWheel> wheel_;
+};
+
+}  // namespace
+
+namespace Platform {
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                              std::shared_ptr<TimerWheel> wheel) {
+   return makeShared<TimerWheelTimerControl>(handler, std::move(wheel));
+}
+}  // namespace Platform
+
+}  // namespace Korvo

@@ -1,0 +1,7 @@
+add_executable(TraceChild ${CMAKE_CURRENT_SOURCE_DIR}/TraceChild.cpp)
+target_compile_options(TraceChild PRIVATE ${KORVO_WARNINGS})
+target_link_libraries(TraceChild PRIVATE Korvo::Korvo)
+foreach(test DebugTest ExceptionTest)
+  target_compile_definitions(${test} PRIVATE TRACE_CHILD="$<TARGET_FILE:TraceChild>")
+  add_dependencies(${test} TraceChild)
+endforeach()

@@ -1,0 +1,299 @@
+#include "TaskTestSupport.h"
+
+#include <Korvo/TaskScheduler.h>
+#include <Korvo/Thread.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <future>
+#include <sstream>
+#include <thread>
+
+using namespace KorvoTest;
+using Korvo::TaskPriority;
+using Korvo::TaskSchedulerRoot;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+class RootTest : public SchedulerFixture {
+ protected:
+   std::shared_ptr<LambdaTask> rootTask(TaskPriority p, const std::string& name,
+                                        LambdaTask::Body body = {}) {
+      return Korvo::makeShared<LambdaTask>(root_, p, name, std::move(body));
+   }
+};
+
+// The text of an assertion raised by `statement` on a thread of its own.
+template <typename F>
+std::string assertionTextInThread(F statement) {
+   std::string text;
+   std::thread([&] { text = assertionText(statement); }).join();
+   return text;
+}
+
+}  // namespace
+
+TEST(RootSlotTest, EachThreadGetsItsOwnNamedRoot) {
+   auto main1 = Korvo::schedulerRootKorvo();
+   auto main2 = Korvo::schedulerRootKorvo();
+   EXPECT_EQ(main1, main2);
+   EXPECT_EQ(main1->schedulerName().str(), "main");
+   EXPECT_TRUE(main1->isMainThread());
+
+   std::shared_ptr<TaskSchedulerRoot> other;
+   std::string expectedName;
+   std::thread([&] {
+      std::ostringstream id;
+      id << "thread:" << std::this_thread::get_id();
+      expectedName = id.str();
+      other = Korvo::schedulerRootKorvo();
+      EXPECT_EQ(other, Korvo::schedulerRootKorvo());
+      EXPECT_FALSE(other->isMainThread());
+   }).join();
+   ASSERT_NE(other, nullptr);
+   EXPECT_NE(other, main1);
+   EXPECT_EQ(other->schedulerName().str(), expectedName);
+   // The thread's slot let go of it when the thread ended; only we hold it now.
+   EXPECT_EQ(other.use_count(), 1);
+
+   // A non-shared root is never the thread's root.
+   auto separate = Korvo::schedulerRootKorvoNonShared("separate");
+   EXPECT_NE(separate, Korvo::schedulerRootKorvo());
+   EXPECT_EQ(separate->schedulerName().str(), "separate");
+}
+
+TEST_F(RootTest, ConstructionBindsTheRootToItsThread) {
+   EXPECT_TRUE(pthread_equal(root_->ownerThread(), pthread_self()));
+   EXPECT_EQ(root_->ownerPid(), getpid());
+   EXPECT_EQ(std::string(root_->ownerThreadName()), TaskSchedulerRoot::currentThreadName());
+   EXPECT_EQ(root_->historyEntryCount(), 100u);
+   EXPECT_EQ(root_->root(), root_.get());
+   EXPECT_EQ(root_->history(), sched_->history());
+   // The root is registered with itself; the test scheduler counts as a group.
+   EXPECT_EQ(root_->registeredSchedulers().size(), 2u);
+   EXPECT_EQ(root_->taskGroupCount(), 1u);
+   EXPECT_EQ(root_->findSchedulerForTest("testRoot"), root_.get());
+   EXPECT_EQ(root_->findSchedulerForTest("testSched"), sched_.get());
+   EXPECT_EQ(root_->findSchedulerForTest("nothing"), nullptr);
+   EXPECT_FALSE(root_->suspended());
+   EXPECT_FALSE(root_->virtualTime());
+   EXPECT_EQ(root_->taskTestYieldRatio(), 0);
+   EXPECT_EQ(root_->defaultTaskQuantum(), std::chrono::milliseconds(20));
+}
+
+TEST_F(RootTest, SchedulerRegistryRefusesDuplicatesAndUnknowns) {
+   EXPECT_THAT(assertionText([&] { root_->registerScheduler(sched_.get()); }),
+               AllOf(StartsWith("TaskSchedulerCpp:"), HasSubstr("insert failed for testSched")));
+   TestScheduler* raw = sched_.get();
+   root_->unregisterScheduler(raw);
+   EXPECT_THAT(assertionText([&] { root_->unregisterScheduler(raw); }),
+               HasSubstr("delete failed for testSched"));
+   root_->registerScheduler(raw);
+}
+
+TEST_F(RootTest, TotalRegisteredTaskCountSpansSchedulersAndSkipsBookmarks) {
+   auto a = rootTask(TaskPriority::normal, "a");
+   auto b = makeTask(TaskPriority::normal, "b");
+   auto c = makeTask(TaskPriority::high, "c");
+   EXPECT_EQ(root_->totalRegisteredTaskCount(), 3u);
+   // A paused reset leaves its bookmark in the list; it is not counted.
+   struct Slow : LambdaTask {
+      using LambdaTask::LambdaTask;
+      void handleResetStats() override { FakeClock::advance(30ms); }
+   };
+   auto slow1 = Korvo::makeShared<Slow>(sched_, TaskPriority::low, "slow1");
+   auto slow2 = Korvo::makeShared<Slow>(sched_, TaskPriority::low, "slow2");
+   sched_->resetStats();
+   sched_->handleSchedulerRun();
+   ASSERT_TRUE(sched_->resetStatsInProgress());
+   EXPECT_EQ(root_->totalRegisteredTaskCount(), 6u);  // a, b, c, slow1, slow2, reset task
+}
+
+// ---------------------------------------------------------------------------------
+// Thread binding
+
+TEST_F(RootTest, UseFromAnotherThreadFailsUnlessTheCheckIsOff) {
+   auto t = makeTask(TaskPriority::normal, "bound");
+   const std::string text = assertionTextInThread([&] { t->scheduleTask(); });
+   EXPECT_THAT(text, AllOf(StartsWith("TaskSchedulerCpp:"), HasSubstr("Executing in wrong thread "),
+                           HasSubstr(") pid " + std::to_string(getpid()) +
+                                     " scheduler belongs to thread ")));
+   EXPECT_FALSE(t->taskScheduled());
+   EXPECT_THAT(assertionTextInThread([&] { t->taskScheduled(); }),
+               HasSubstr("Executing in wrong thread "));
+   EXPECT_THAT(assertionTextInThread([&] { t->unscheduleTask(); }),
+               HasSubstr("Executing in wrong thread "));
+   EXPECT_THAT(assertionTextInThread([&] { makeTask(TaskPriority::low, "elsewhere"); }),
+               HasSubstr("Executing in wrong thread "));
+
+   root_->threadSanityDisabledIs(true);
+   EXPECT_EQ(assertionTextInThread([&] { t->scheduleTask(); }), "");
+   EXPECT_TRUE(t->taskScheduled());
+   root_->threadSanityDisabledIs(false);
+   t->unscheduleTask();
+
+   Korvo::auxThreadCount = 1;
+   EXPECT_EQ(assertionTextInThread([&] { t->scheduleTask(); }), "");
+   Korvo::auxThreadCount = 0;
+   EXPECT_TRUE(t->taskScheduled());
+   t->unscheduleTask();
+}
+
+TEST_F(RootTest, WrongThreadNamesBothThreads) {
+   auto t = makeTask(TaskPriority::normal, "bound");
+   std::string text;
+   std::thread([&] {
+      Korvo::threadNameIs("intruder");
+      text = assertionText([&] { t->scheduleTask(); });
+   }).join();
+   EXPECT_THAT(text, HasSubstr("Executing in wrong thread intruder("));
+   std::ostringstream owner;
+   owner << " scheduler belongs to thread " << root_->ownerThread() << "("
+         << root_->ownerThreadName() << ")";
+   EXPECT_THAT(text, HasSubstr(owner.str()));
+}
+
+TEST(RootForkTest, AForkedChildPassesTheThreadCheck) {
+   Korvo::throwOnAssertFailIs(true);
+   // The root and its task are made, and in the end destroyed, by a helper thread.
+   std::promise<std::shared_ptr<LambdaTask>> made;
+   std::promise<void> done;
+   std::thread owner([&] {
+      auto root = Korvo::schedulerRootKorvoNonShared("forkRoot");
+      auto mine = Korvo::makeShared<LambdaTask>(root, TaskPriority::normal, "forked");
+      made.set_value(mine);
+      done.get_future().wait();
+   });
+   std::shared_ptr<LambdaTask> task = made.get_future().get();
+   // Here, in the parent, this thread is the wrong one.
+   EXPECT_THAT(assertionText([&] { task->scheduleTask(); }), HasSubstr("Executing in wrong thread"));
+
+   const pid_t child = fork();
+   if (child == 0) {
+      // The child's only thread is not the owner, but the process is another one.
+      const bool ok = assertionText([&] {
+                         task->scheduleTask();
+                         task->taskRunFromTest();
+                      }).empty() &&
+                      task->runs == 1;
+      _exit(ok ? 0 : 1);
+   }
+   int status = 0;
+   ASSERT_EQ(waitpid(child, &status, 0), child);
+   EXPECT_TRUE(WIFEXITED(status));
+   EXPECT_EQ(WEXITSTATUS(status), 0);
+   EXPECT_EQ(task->runs, 0);
+
+   task.reset();
+   done.set_value();
+   owner.join();
+   Korvo::throwOnAssertFailIs(false);
+}
+
+// ---------------------------------------------------------------------------------
+// Suspension, yield settings, virtual time
+
+TEST_F(RootTest, SuspensionHoldsEveryDispatchUntilResumed) {
+   auto a = rootTask(TaskPriority::normal, "a");
+   auto b = makeTask(TaskPriority::normal, "b");
+   a->scheduleTask();
+   b->scheduleTask();
+   root_->suspendedIs(true);
+   EXPECT_EQ(root_->history()->event(0).display(), "schedulerSuspended testRoot");
+   root_->handleSchedulerRun();
+   sched_->handleSchedulerRun();
+   EXPECT_EQ(a->runs + b->runs, 0);
+   EXPECT_EQ(root_->history()->event(0).display(),
+             "schedulerRunIgnoredWhileSuspended testSched");
+   EXPECT_EQ(root_->history()->event(1).display(), "schedulerRunIgnoredWhileSuspended testRoot");
+   const int requests = sched_->runRequests;
+   sched_->handleSchedulerRun();
+   EXPECT_EQ(sched_->runRequests, requests);  // an ignored run asks for nothing
+   EXPECT_TRUE(a->taskScheduled());
+
+   FakeClock::advance(5ms);
+   root_->suspendedIs(false);
+   EXPECT_EQ(root_->history()->event(0).display(), "schedulerUnsuspended testRoot");
+   EXPECT_EQ(root_->runRequestedAt(), FakeClock::now());
+   root_->handleSchedulerRun();
+   sched_->handleSchedulerRun();
+   EXPECT_EQ(a->runs, 1);  // no new schedule was needed
+   EXPECT_EQ(b->runs, 1);
+}
+
+TEST_F(RootTest, RootYieldRatioReachesEveryTaskWithoutItsOwn) {
+   std::vector<bool> answers;
+   auto collect = [&](LambdaTask& self) {
+      for (int i = 0; i < 3; ++i) {
+         answers.push_back(self.taskShouldYield());
+      }
+   };
+   auto inRoot = rootTask(TaskPriority::normal, "inRoot", collect);
+   auto inGroup = makeTask(TaskPriority::normal, "inGroup", collect);
+   auto own = makeTask(TaskPriority::normal, "own", collect);
+   own->taskTestYieldRatioIs(3);
+   root_->taskTestYieldRatioIs(1);
+   EXPECT_EQ(root_->history()->event(0).display(), "schedulerTestYieldRatioOn testRoot");
+   for (auto* t : {inRoot.get(), inGroup.get()}) {
+      answers.clear();
+      t->taskRunFromTest();
+      EXPECT_EQ(answers, (std::vector<bool>{true, true, true})) << t->taskName();
+   }
+   answers.clear();
+   own->taskRunFromTest();
+   EXPECT_EQ(answers, (std::vector<bool>{false, false, true}));
+   // Tasks created while the ratio is on inherit it at once.
+   auto late = makeTask(TaskPriority::normal, "late", collect);
+   EXPECT_EQ(late->taskTestYieldRatioEffective(), 1);
+   root_->taskTestYieldRatioIs(0);
+   EXPECT_EQ(root_->history()->event(0).display(), "schedulerTestYieldRatioOff testRoot");
+   EXPECT_EQ(late->taskShouldYieldMode(), Korvo::TaskImpl::YieldMode::realTime);
+   EXPECT_EQ(own->taskTestYieldRatioEffective(), 3);
+}
+
+TEST_F(RootTest, ADispatchSwitchesVirtualTimeOffBeforeTheTaskRuns) {
+   Korvo::TaskImpl::YieldMode modeInRun = Korvo::TaskImpl::YieldMode::virtualTime;
+   auto t = rootTask(TaskPriority::normal, "v",
+                     [&](LambdaTask& self) { modeInRun = self.taskShouldYieldMode(); });
+   t->scheduleTask();
+   root_->virtualTimeIs(true);
+   EXPECT_EQ(root_->history()->event(0).display(), "schedulerVirtualTimeOn testRoot");
+   EXPECT_EQ(t->taskShouldYieldMode(), Korvo::TaskImpl::YieldMode::virtualTime);
+   root_->handleSchedulerRun();
+   EXPECT_FALSE(root_->virtualTime());
+   EXPECT_EQ(t->runs, 1);
+   EXPECT_EQ(modeInRun, Korvo::TaskImpl::YieldMode::realTime);
+   // Its switch-off is recorded before the run.
+   bool sawOff = false;
+   for (unsigned i = 0; i < root_->history()->size(); ++i) {
+      const std::string d = root_->history()->event(i).display();
+      if (d == "run start  v") {
+         EXPECT_FALSE(sawOff) << "virtual time went off after the run started";
+      }
+      sawOff = sawOff || d == "schedulerVirtualTimeOff testRoot";
+   }
+   EXPECT_TRUE(sawOff);
+}
+
+TEST_F(RootTest, RandomPercentIsReproduciblePerRoot) {
+   auto other = Korvo::schedulerRootKorvoNonShared("other");
+   unsigned int seed = 0;
+   bool sawHigh = false;
+   for (int i = 0; i < 2000; ++i) {
+      const int expected = rand_r(&seed) / 21474836;
+      const int value = root_->randomPercent();
+      ASSERT_EQ(value, expected);
+      ASSERT_EQ(other->randomPercent(), value);
+      ASSERT_GE(value, 0);
+      ASSERT_LE(value, 100);
+      sawHigh = sawHigh || value > 90;
+   }
+   EXPECT_TRUE(sawHigh);
+}
