@@ -19,14 +19,14 @@ using Util::Impl::errorText;
 // lets go last closes it, exactly once. Keeps the path it was opened with and
 // the handler, to report a close that fails where nobody can be thrown at.
 class DirNode::Stream {
- public:
+public:
    Stream(std::shared_ptr<Platform::DebugHandler> h, std::string path)
        : h_(std::move(h)), path_(std::move(path)), dir_(::opendir(path_.c_str())) {}
    ~Stream() {
       if (dir_ != nullptr && close() != 0) {
-         KORVO_TRACE(*h_, 0,
-                     "DirNode::~DirNode() failed to close " << path_ << " errno: "
-                                                            << errorText(errno));
+         KORVO_TRACE(
+             *h_, 0,
+             "DirNode::~DirNode() failed to close " << path_ << " errno: " << errorText(errno));
       }
    }
    Stream(const Stream&) = delete;
@@ -43,7 +43,7 @@ class DirNode::Stream {
    DIR* dir() const { return dir_; }
    const std::string& path() const { return path_; }
 
- private:
+private:
    std::shared_ptr<Platform::DebugHandler> h_;
    std::string path_;
    DIR* dir_;
@@ -135,12 +135,13 @@ std::vector<std::string> DirNode::findFiles(const std::string& extension) const 
       }
       const std::string_view name = entry->d_name;
       if (name.size() >= extension.size() && name.ends_with(extension)) {
-         KORVO_TRACE(*debug_, 8,
-                     "DirNode::findFiles() found file with extension " << extension << ": "
-                                                                       << name);
+         KORVO_TRACE(
+             *debug_, 8,
+             "DirNode::findFiles() found file with extension " << extension << ": " << name);
          found.emplace_back(name);
       } else {
-         KORVO_TRACE(*debug_, 9, "DirNode::findFiles() path:" << path_ << " skipping file: " << name);
+         KORVO_TRACE(*debug_, 9,
+                     "DirNode::findFiles() path:" << path_ << " skipping file: " << name);
       }
    }
    KORVO_TRACE(*debug_, 8,

@@ -64,7 +64,7 @@ bool FileLock::lock(bool allowReentry) {
    }
    if (!directory_.empty() && Util::mkpath(directory_, 0777) != 0) {
       KORVO_FAIL("FileLock::lock() unexpected mkpath() error " << directory_ << ": "
-                                                                << errorText(errno));
+                                                               << errorText(errno));
    }
    int fd;
    {
@@ -74,9 +74,9 @@ bool FileLock::lock(bool allowReentry) {
       fd = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
    }
    if (fd < 0) {
-      KORVO_TRACE(h_, 1,
-                  "FileLock::lock() error: could not open lock file:" << file_ << " "
-                                                                      << errorText(errno));
+      KORVO_TRACE(
+          h_, 1,
+          "FileLock::lock() error: could not open lock file:" << file_ << " " << errorText(errno));
       return false;
    }
    struct flock request = wholeFile(F_WRLCK);
@@ -122,9 +122,9 @@ void FileLock::closeFd() {
    // Linux releases the descriptor even when close() reports an error, so it is
    // forgotten either way; retrying could close someone else's new descriptor.
    if (::close(fd_) != 0) {
-      KORVO_TRACE(h_, 1,
-                  "FileLock::closeFd() error: " << errorText(errno) << " file:" << file_
-                                                << " fd:" << fd_);
+      KORVO_TRACE(
+          h_, 1,
+          "FileLock::closeFd() error: " << errorText(errno) << " file:" << file_ << " fd:" << fd_);
    } else {
       KORVO_TRACE(h_, 5, "FileLock::closeFd() closed fd for file:" << file_);
    }
@@ -152,9 +152,9 @@ bool holdsLock(DebugHandler& h, const Impl::ProcFd& fd, const struct stat& lockS
    char target[4096];
    const ssize_t n = ::readlink(fd.path.c_str(), target, sizeof(target) - 1);
    if (n < 0) {
-      KORVO_TRACE(h, 5,
-                  "Util::readLockPid() readlink of file:" << fd.path << " failed "
-                                                          << errorText(errno));
+      KORVO_TRACE(
+          h, 5,
+          "Util::readLockPid() readlink of file:" << fd.path << " failed " << errorText(errno));
    }
    target[n < 0 ? 0 : n] = '\0';
    KORVO_TRACE(h, 9, "Util::readLockPid() lock " << fd.path << "'s file is:" << target);
@@ -174,8 +174,7 @@ int readLockPid(DebugHandler& h, const std::string& lockFile) {
    KORVO_TRACE(h, 9, "Util::readLockPid() lockName:" << lockFile);
    struct stat lockStat;
    if (::stat(lockFile.c_str(), &lockStat) != 0) {
-      KORVO_TRACE(h, 1,
-                  "Util::readLockPid() cannot stat " << lockFile << ": " << errorText(errno));
+      KORVO_TRACE(h, 1, "Util::readLockPid() cannot stat " << lockFile << ": " << errorText(errno));
       return -1;
    }
    // The kernel's table is only a quick test: with no OFD or POSIX lock anywhere
@@ -187,9 +186,8 @@ int readLockPid(DebugHandler& h, const std::string& lockFile) {
    if (!lockTextHasHeldLock(table)) {
       return 0;
    }
-   return Impl::findProcFd(h, "Util::readLockPid()", [&](const Impl::ProcFd& fd) {
-      return holdsLock(h, fd, lockStat);
-   });
+   return Impl::findProcFd(h, "Util::readLockPid()",
+                           [&](const Impl::ProcFd& fd) { return holdsLock(h, fd, lockStat); });
 }
 
 }  // namespace Util

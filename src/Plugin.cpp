@@ -51,21 +51,23 @@ Plugin* loadPlugin(const char* name) {
    // and the lock is recursive.
    LocoGuard guard;
    if (Plugin* plugin = find(name)) {
-      KORVO_TRACE(pluginHandler(), 3, "Korvo::Platform::loadPlugin() " << name << " already loaded");
+      KORVO_TRACE(pluginHandler(), 3,
+                  "Korvo::Platform::loadPlugin() " << name << " already loaded");
       return plugin;
    }
    const std::string file = std::string("lib") + name + ".so";
    if (::dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL) == nullptr) {
       const char* error = ::dlerror();
       KORVO_TRACE(pluginHandler(), 0,
-                  "Korvo::Platform::loadPlugin() Failed to load plugin "
-                      << file << ": " << (error ? error : ""));
+                  "Korvo::Platform::loadPlugin() Failed to load plugin " << file << ": "
+                                                                         << (error ? error : ""));
       return nullptr;
    }
    Plugin* plugin = find(name);
    KORVO_ASSERT(plugin != nullptr,
                 "Korvo::Platform::loadPlugin() Phooey -- plugin " << name << " failed to register");
-   KORVO_TRACE(pluginHandler(), 2, "Korvo::Platform::loadPlugin() Yay!  Plugin " << name << " loaded");
+   KORVO_TRACE(pluginHandler(), 2,
+               "Korvo::Platform::loadPlugin() Yay!  Plugin " << name << " loaded");
    return plugin;
 }
 

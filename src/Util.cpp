@@ -101,9 +101,9 @@ int trimpath(const std::string& absolute, const std::string& trailing) {
    for (;;) {
       KORVO_TRACE(utilHandler(), 9, "Util::trimpath() removing dir " << current);
       if (::rmdir(current.c_str()) != 0 && errno != ENOENT) {
-         KORVO_TRACE(utilHandler(), 5,
-                     "Util::trimpath() rmdir() error " << current << " reason: "
-                                                       << errorText(errno));
+         KORVO_TRACE(
+             utilHandler(), 5,
+             "Util::trimpath() rmdir() error " << current << " reason: " << errorText(errno));
          return -1;
       }
       const size_t slash = current.rfind('/');
@@ -112,9 +112,9 @@ int trimpath(const std::string& absolute, const std::string& trailing) {
       }
       current.resize(slash);
    }
-   KORVO_TRACE(utilHandler(), 5,
-               "Util::trimpath() removed sub-tree " << trailing << " from absolute path "
-                                                    << absolute);
+   KORVO_TRACE(
+       utilHandler(), 5,
+       "Util::trimpath() removed sub-tree " << trailing << " from absolute path " << absolute);
    return 0;
 }
 
@@ -125,8 +125,8 @@ void fileWrite(DebugHandler& h, const std::string& path, const std::string& data
       fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
    }
    if (fd < 0) {
-      reportWriteFailure(h, "Util::fileWrite() unable to open " + path + " reason:" + errorText(errno),
-                         noThrow);
+      reportWriteFailure(
+          h, "Util::fileWrite() unable to open " + path + " reason:" + errorText(errno), noThrow);
       return;
    }
    // One write, deliberately: a short write is reported, not retried.
@@ -135,8 +135,8 @@ void fileWrite(DebugHandler& h, const std::string& path, const std::string& data
       const int err = errno;
       ::close(fd);
       errno = err;
-      reportWriteFailure(h, "Util::fileWrite() unable to write to " + path + " reason:" + errorText(err),
-                         noThrow);
+      reportWriteFailure(
+          h, "Util::fileWrite() unable to write to " + path + " reason:" + errorText(err), noThrow);
       return;
    }
    if (static_cast<size_t>(written) != data.size()) {
@@ -177,8 +177,7 @@ std::string fileRead(DebugHandler& h, const std::string& path, bool stripNewline
 bool fileExists(DebugHandler& h, const std::string& path) {
    struct stat st;
    const int rc = ::stat(path.c_str(), &st);
-   KORVO_TRACE(h, 5,
-               "Util::fileExists() checking if " << path << " exists, stat result: " << rc);
+   KORVO_TRACE(h, 5, "Util::fileExists() checking if " << path << " exists, stat result: " << rc);
    return rc == 0;
 }
 
@@ -197,7 +196,8 @@ bool fileRemove(DebugHandler& h, const std::string& path) {
 size_t fileSize(DebugHandler& h, const std::string& path) {
    struct stat st;
    if (::stat(path.c_str(), &st) != 0) {
-      KORVO_TRACE(h, 5, "Util::fileSize() unable to stat file " << path << ": " << errorText(errno));
+      KORVO_TRACE(h, 5,
+                  "Util::fileSize() unable to stat file " << path << ": " << errorText(errno));
       return 0;
    }
    return static_cast<size_t>(st.st_size);
@@ -246,7 +246,8 @@ bool touch(DebugHandler& h, const std::string& path) {
 std::string getCwd(DebugHandler& h) {
    char buffer[4096];
    if (::getcwd(buffer, sizeof(buffer)) == nullptr) {
-      const std::string message = std::string("Util::getCwd() getcwd() failed: ") + errorText(errno);
+      const std::string message =
+          std::string("Util::getCwd() getcwd() failed: ") + errorText(errno);
       KORVO_TRACE(h, 0, message);
       RuntimeException::throwException(message);
    }

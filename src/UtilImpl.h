@@ -27,13 +27,13 @@ inline const char* errorText(int err) {
 // Sets the umask to 0 for the life of the object, so that modes passed to
 // open()/mkdir() apply exactly. The umask is process-wide.
 class UmaskZero {
- public:
+public:
    UmaskZero() : old_(::umask(0)) {}
    ~UmaskZero() { ::umask(old_); }
    UmaskZero(const UmaskZero&) = delete;
    UmaskZero& operator=(const UmaskZero&) = delete;
 
- private:
+private:
    mode_t old_;
 };
 

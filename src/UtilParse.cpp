@@ -101,9 +101,8 @@ std::string startTimeFromStat(const std::string& statLine, const std::string& so
    const bool found = fields.size() > startTimeFieldPos && !fields[startTimeFieldPos].empty();
    KORVO_ASSERT(found, "Util::readProcStartTime() Failed to parse start time from file: "
                            << source << " line: \"" << statLine << "\""
-                           << " procStartTime.size():" << statLine.size()
-                           << " tokPos:" << fields.size()
-                           << " startTimeFieldPos:" << startTimeFieldPos);
+                           << " procStartTime.size():" << statLine.size() << " tokPos:"
+                           << fields.size() << " startTimeFieldPos:" << startTimeFieldPos);
    return std::string(fields[startTimeFieldPos]);
 }
 

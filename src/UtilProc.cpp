@@ -7,11 +7,10 @@
 #include "UtilImpl.h"
 
 #include <dlfcn.h>
-#include <sys/syslog.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -211,16 +210,15 @@ void includeShmemInCore() {
    std::FILE* file = std::fopen(path.c_str(), "r+e");
    if (file == nullptr) {
       KORVO_TRACE(utilHandler(), 1,
-                  "Util::includeShmemInCore() unable to open " << path << ": "
-                                                               << errorText(errno));
+                  "Util::includeShmemInCore() unable to open " << path << ": " << errorText(errno));
       return;
    }
    unsigned filter = 0;
    if (std::fscanf(file, "%x", &filter) != 1) {
       const int err = errno;
       std::fclose(file);
-      KORVO_FAIL("Korvo::Util::includeShmemInCore() fscanf failed for file:"
-                 << path << " " << errorText(err));
+      KORVO_FAIL("Korvo::Util::includeShmemInCore() fscanf failed for file:" << path << " "
+                                                                             << errorText(err));
    }
    // Bit 3: shared anonymous memory. The kernel reads the value back in either
    // base, so it is written in decimal. Switching from reading to writing a stdio
@@ -229,9 +227,9 @@ void includeShmemInCore() {
    std::fseek(file, 0, SEEK_CUR);
    std::fprintf(file, "%d", static_cast<int>(filter));
    if (std::fclose(file) != 0) {
-      KORVO_TRACE(utilHandler(), 1,
-                  "Util::includeShmemInCore() unable to write " << path << ": "
-                                                                << errorText(errno));
+      KORVO_TRACE(
+          utilHandler(), 1,
+          "Util::includeShmemInCore() unable to write " << path << ": " << errorText(errno));
    }
 }
 

@@ -46,9 +46,9 @@ int socketHere(DebugHandler& h, int domain, int type, int protocol) {
 // would leave the thread in the wrong namespace for everything it does next, so
 // it is not an expected failure.
 void returnToNamespace(int nsFd) {
-   KORVO_ASSERT(::setns(nsFd, CLONE_NEWNET) == 0,
-                "Util::socket() unable to return to the original network namespace: "
-                    << errorText(errno));
+   KORVO_ASSERT(
+       ::setns(nsFd, CLONE_NEWNET) == 0,
+       "Util::socket() unable to return to the original network namespace: " << errorText(errno));
 }
 
 int readMaxSendBufferSize() {
@@ -98,7 +98,8 @@ int socket(DebugHandler& h, int domain, int type, int protocol) {
    if (sd >= 0) {
       KORVO_TRACE(h, 2, "Util::socket() success opening " << nsName << " socket: " << sd);
    } else {
-      KORVO_TRACE(h, 2, "Util::socket() failed opening " << nsName << " socket: " << errorText(err));
+      KORVO_TRACE(h, 2,
+                  "Util::socket() failed opening " << nsName << " socket: " << errorText(err));
    }
    if (switched) {
       returnToNamespace(nsFd);
@@ -170,7 +171,8 @@ int readSocketPid(DebugHandler& h, const std::string& name) {
    return Impl::findProcFd(h, "Util::readProcFd()", [&](const Impl::ProcFd& fd) {
       struct stat st;
       if (::stat(fd.path.c_str(), &st) != 0) {
-         KORVO_TRACE(h, 9, "Util::readProcFd() stat failed:" << fd.path << ": " << errorText(errno));
+         KORVO_TRACE(h, 9,
+                     "Util::readProcFd() stat failed:" << fd.path << ": " << errorText(errno));
          return false;
       }
       if (!S_ISSOCK(st.st_mode)) {

@@ -31,7 +31,7 @@ std::multiset<std::string> drain(const DirNode& node) {
 }
 
 class DirNodeTest : public ::testing::Test {
- protected:
+protected:
    void SetUp() override {
       for (const char* name : {"a.conf", "b.conf.bak", ".conf", "conf", "notes.txt"}) {
          Util::fileWrite(h_, dir_ / name, name);
@@ -45,9 +45,9 @@ class DirNodeTest : public ::testing::Test {
    std::shared_ptr<CaptureHandler> capture_ = CaptureHandler::make();
    CaptureHandler& h_ = *capture_;
    TempDir dir_;
-   const std::multiset<std::string> all_ = {".",          "..",     "a.conf", "b.conf.bak",
-                                            ".conf",      "conf",   "notes.txt", "c.conf",
-                                            "d.conf",     "dangling.conf", "pipe.conf"};
+   const std::multiset<std::string> all_ = {
+       ".",         "..",     "a.conf", "b.conf.bak",    ".conf",    "conf",
+       "notes.txt", "c.conf", "d.conf", "dangling.conf", "pipe.conf"};
 };
 
 TEST_F(DirNodeTest, FindFilesListsRegularFilesAndLinksWithTheExtension) {
@@ -100,8 +100,8 @@ TEST_F(DirNodeTest, OpeningWhatIsNotADirectoryThrows) {
       DirNode node(h_, missing, nullptr);
       ADD_FAILURE() << "no exception";
    } catch (const Korvo::RuntimeException& e) {
-      EXPECT_EQ(e.message(),
-                "DirNode::DirNode() failed to open " + missing + " errno: No such file or directory");
+      EXPECT_EQ(e.message(), "DirNode::DirNode() failed to open " + missing +
+                                 " errno: No such file or directory");
    }
    EXPECT_THROW(DirNode(h_, dir_ / "a.conf", nullptr), Korvo::RuntimeException);
 

@@ -19,7 +19,7 @@ namespace Util = Korvo::Util;
 // A helper process that does something with a file and then waits to be told to
 // go, so the test can look at it meanwhile.
 class Holder {
- public:
+public:
    explicit Holder(const std::function<bool()>& setUp) {
       EXPECT_EQ(::pipe2(ready_, O_CLOEXEC), 0);
       EXPECT_EQ(::pipe2(go_, O_CLOEXEC), 0);
@@ -45,7 +45,7 @@ class Holder {
    pid_t pid() const { return pid_; }
    bool ok() const { return ok_; }
 
- private:
+private:
    int ready_[2] = {-1, -1};
    int go_[2] = {-1, -1};
    pid_t pid_ = -1;
@@ -53,7 +53,7 @@ class Holder {
 };
 
 class FileLockTest : public ::testing::Test {
- protected:
+protected:
    std::shared_ptr<CaptureHandler> capture_ = CaptureHandler::make();
    CaptureHandler& h_ = *capture_;
    TempDir dir_;
@@ -183,9 +183,9 @@ TEST_F(FileLockTest, AForkedChildMayCloseButNotRelease) {
          return 1;  // parent and child share the lock; the lower pid is reported
       }
       const std::string text = KorvoTest::assertText([&] { lock.release(); });
-      const std::string expected = "FileLock::release() called from child process:" +
-                                   std::to_string(::getpid()) +
-                                   " of owner pid:" + std::to_string(parent);
+      const std::string expected =
+          "FileLock::release() called from child process:" + std::to_string(::getpid()) +
+          " of owner pid:" + std::to_string(parent);
       if (text.find(expected) == std::string::npos) {
          return 2;
       }

@@ -62,11 +62,13 @@ TEST(MappingsTest, ReadingStopsAtTheFirstLineThatDoesNotScan) {
    EXPECT_EQ(MappingInfos::parse("00400000-00452000 r-xp").size(), 0u);
    EXPECT_EQ(MappingInfos::parse("00400000-00452000 r-xp 0 08:02 1").size(), 1u)
        << "a last line without newline";
-   EXPECT_EQ(MappingInfos::parse("00400000-00452000 r-xp 0 08:02 1 /a\nzz\n00-01 r 0 0:0 0\n").size(),
-             1u);
+   EXPECT_EQ(
+       MappingInfos::parse("00400000-00452000 r-xp 0 08:02 1 /a\nzz\n00-01 r 0 0:0 0\n").size(),
+       1u);
 
    const std::string longPath(5000, 'p');
-   const MappingInfos cut = MappingInfos::parse("1-2 r--p 0 0:0 0 /" + longPath + "\n3-4 r--p 0 0:0 0\n");
+   const MappingInfos cut =
+       MappingInfos::parse("1-2 r--p 0 0:0 0 /" + longPath + "\n3-4 r--p 0 0:0 0\n");
    ASSERT_EQ(cut.size(), 1u) << "an overlong path is cut and the reading ends";
    EXPECT_EQ(cut[0].path.size(), 4096u);
    const std::string longPerms = "1-2 " + std::string(100, 'r') + " 0 0:0 0 /x\n";

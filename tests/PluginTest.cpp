@@ -55,7 +55,7 @@ const TestPluginApi* testApi(Korvo::Platform::Plugin* plugin) {
 }
 
 class InProcessPlugin : public Korvo::Platform::Plugin {
- public:
+public:
    const char* name() const override { return "KorvoInProcessPlugin"; }
 };
 InProcessPlugin inProcess;
@@ -154,7 +154,8 @@ TEST(PluginTest, CountersReachTheCountersPlugin) {
    EXPECT_EQ(*requestsA, 1u);
    EXPECT_EQ(*requestsB, 0u);
    EXPECT_EQ(Korvo::Counters("SetA").counter("requests", nullptr), requestsA);
-   EXPECT_EQ(a.counter(nullptr, &fallbackA), &fallbackA) << "the plug-in may hand back the fallback";
+   EXPECT_EQ(a.counter(nullptr, &fallbackA), &fallbackA)
+       << "the plug-in may hand back the fallback";
    EXPECT_EQ(a.setName(), "SetA");
 
    Korvo::Counters unnamed(nullptr);

@@ -39,7 +39,7 @@ constexpr int noSuchPid = 0x7ffffff0;
 
 // What the child writes to `fd` on its way out, read back by the parent.
 class ChildReport {
- public:
+public:
    ChildReport() { EXPECT_EQ(::pipe2(fds_, O_CLOEXEC), 0); }
    ~ChildReport() {
       ::close(fds_[0]);
@@ -62,12 +62,12 @@ class ChildReport {
       return text;
    }
 
- private:
+private:
    int fds_[2] = {-1, -1};
 };
 
 class ProcTest : public ::testing::Test {
- protected:
+protected:
    std::shared_ptr<CaptureHandler> capture_ = CaptureHandler::make();
    CaptureHandler& h_ = *capture_;
 };
@@ -101,11 +101,10 @@ TEST_F(ProcTest, HeapCheckerHooksAreLookedUpOnlyWithHeapcheckSet) {
          return 1;
       }
       ::setenv("HEAPCHECK", "", 1);
-      const bool found =
-          Korvo::HeapChecker::resolveAllocSym(h_) ==
-              reinterpret_cast<void*>(&HeapChecker_RecordClientAlloc) &&
-          Korvo::HeapChecker::resolveFreeSym(h_) ==
-              reinterpret_cast<void*>(&HeapChecker_RecordClientFree);
+      const bool found = Korvo::HeapChecker::resolveAllocSym(h_) ==
+                             reinterpret_cast<void*>(&HeapChecker_RecordClientAlloc) &&
+                         Korvo::HeapChecker::resolveFreeSym(h_) ==
+                             reinterpret_cast<void*>(&HeapChecker_RecordClientFree);
       return found ? 0 : 2;
    });
    EXPECT_EQ(code, 0);
@@ -199,17 +198,18 @@ TEST_F(ProcTest, StartTimeFromStatCountsFieldsFromTheLastParenthesis) {
    EXPECT_EQ(Util::startTimeFromStat("42 (daemon)" + tail, "t"), "987654");
    EXPECT_EQ(Util::startTimeFromStat("42 (a) (b) c)" + tail, "t"), "987654");
    EXPECT_EQ(Util::startTimeFromStat("42 ())))" + tail, "t"), "987654");
-   EXPECT_EQ(Util::startTimeFromStat("42 (x)" + tail.substr(0, tail.find(" 20 21")), "t"),
-             "987654")
+   EXPECT_EQ(Util::startTimeFromStat("42 (x)" + tail.substr(0, tail.find(" 20 21")), "t"), "987654")
        << "the start time may be the last field";
 
-   const std::string noParen = KorvoTest::assertText([] { Util::startTimeFromStat("42 x S 1", "f"); });
+   const std::string noParen =
+       KorvoTest::assertText([] { Util::startTimeFromStat("42 x S 1", "f"); });
    EXPECT_NE(noParen.find("Util::readProcStartTime() input not long enough to contain start time. "
                           "file: f line: \"42 x S 1\""),
              std::string::npos)
        << noParen;
-   EXPECT_NE(KorvoTest::assertText([] { Util::startTimeFromStat("42 (x) ", "f"); })
-                 .find("input not long enough"),
+   EXPECT_NE(KorvoTest::assertText([] {
+                Util::startTimeFromStat("42 (x) ", "f");
+             }).find("input not long enough"),
              std::string::npos)
        << "one character after the name is too short";
 
@@ -220,8 +220,9 @@ TEST_F(ProcTest, StartTimeFromStatCountsFieldsFromTheLastParenthesis) {
              std::string::npos)
        << few;
    const std::string doubled = "42 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18  20";
-   EXPECT_NE(KorvoTest::assertText([&] { Util::startTimeFromStat(doubled, "f"); })
-                 .find("tokPos:20 startTimeFieldPos:19"),
+   EXPECT_NE(KorvoTest::assertText([&] {
+                Util::startTimeFromStat(doubled, "f");
+             }).find("tokPos:20 startTimeFieldPos:19"),
              std::string::npos)
        << "an empty field 22 is malformed";
 }
@@ -306,8 +307,9 @@ TEST_F(ProcTest, TypenameFromVptrNamesLiveTypesAndRejectsGarbage) {
    EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&hidden)),
              "(anonymous namespace)::(anonymous namespace)::HiddenPolymorph");
    const std::stringstream stream;
-   EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&stream)),
-             "std::__cxx11::basic_stringstream<char, std::char_traits<char>, std::allocator<char> >");
+   EXPECT_EQ(
+       Util::typenameFromVptr(Util::vptrOf(&stream)),
+       "std::__cxx11::basic_stringstream<char, std::char_traits<char>, std::allocator<char> >");
 
    EXPECT_EQ(Util::typenameFromVptr(nullptr), "Bad vptr:NULL");
    EXPECT_EQ(Util::typenameFromVptr(reinterpret_cast<const void*>(0x10)),

@@ -50,7 +50,7 @@ ino_t socketNamespace(int sd) {
 }
 
 class SocketTest : public ::testing::Test {
- protected:
+protected:
    std::shared_ptr<CaptureHandler> capture_ = CaptureHandler::make();
    CaptureHandler& h_ = *capture_;
 };
@@ -179,11 +179,13 @@ TEST_F(SocketTest, SendBufferSizing) {
    ::getsockopt(sd, SOL_SOCKET, SO_SNDBUF, &size, &length);
    EXPECT_GE(size, 65536);
 
-   EXPECT_NE(KorvoTest::assertText([] { Util::setSocketSendBufferSize(-1, 1024); })
-                 .find("Util::setSocketSendBufferSize() invalid sd: -1"),
+   EXPECT_NE(KorvoTest::assertText([] {
+                Util::setSocketSendBufferSize(-1, 1024);
+             }).find("Util::setSocketSendBufferSize() invalid sd: -1"),
              std::string::npos);
-   EXPECT_NE(KorvoTest::assertText([&] { Util::setSocketSendBufferSize(sd, 0); })
-                 .find("Util::setSocketSendBufferSize() invalid size: 0"),
+   EXPECT_NE(KorvoTest::assertText([&] {
+                Util::setSocketSendBufferSize(sd, 0);
+             }).find("Util::setSocketSendBufferSize() invalid size: 0"),
              std::string::npos);
    const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
    EXPECT_NE(KorvoTest::assertText([&] { Util::setSocketSendBufferSize(file, 1024); })
@@ -275,7 +277,8 @@ TEST_F(SocketTest, SocketIsMadeInTheDefaultNamespaceAndTheThreadStaysPut) {
       }
       ::mkdir("/run/netns", 0755);
       ::close(::open("/run/netns/default", O_RDONLY | O_CREAT | O_CLOEXEC, 0444));
-      if (::mount("/proc/thread-self/ns/net", "/run/netns/default", nullptr, MS_BIND, nullptr) != 0 ||
+      if (::mount("/proc/thread-self/ns/net", "/run/netns/default", nullptr, MS_BIND, nullptr) !=
+              0 ||
           ::unshare(CLONE_NEWNET) != 0) {
          return KorvoTest::childSkipped;
       }

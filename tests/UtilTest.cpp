@@ -24,7 +24,7 @@ std::string slurp(const std::string& path) {
 }
 
 class UtilTest : public ::testing::Test {
- protected:
+protected:
    std::shared_ptr<CaptureHandler> capture_ = CaptureHandler::make();
    CaptureHandler& h_ = *capture_;
    TempDir dir_;
@@ -97,8 +97,7 @@ TEST_F(UtilTest, TrimpathRejectsBadArgumentsThroughTheAssertionPath) {
    EXPECT_NE(trim("/a/b", "").find("trailing path is empty"), std::string::npos);
    EXPECT_NE(trim("/a/b", "/a/b").find("trailing path longer than absolute path"),
              std::string::npos);
-   EXPECT_NE(trim("/a", "/a/b").find("trailing path longer than absolute path"),
-             std::string::npos);
+   EXPECT_NE(trim("/a", "/a/b").find("trailing path longer than absolute path"), std::string::npos);
    EXPECT_NE(trim("/a/b", "c").find("trailing path is not a terminal substring of absolute path"),
              std::string::npos);
 }

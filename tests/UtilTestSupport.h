@@ -26,7 +26,7 @@ namespace KorvoTest {
 
 // Every level on, fixed; keeps each message with its level.
 class CaptureHandler : public Korvo::Platform::DebugHandler {
- public:
+public:
    struct Line {
       unsigned level;
       std::string text;
@@ -82,7 +82,7 @@ class CaptureHandler : public Korvo::Platform::DebugHandler {
       return out;
    }
 
- private:
+private:
    mutable std::vector<Line> lines_;
 };
 
@@ -96,7 +96,7 @@ inline std::string uniqueName(const std::string& prefix) {
 
 // A fresh directory, removed with everything in it at the end of the scope.
 class TempDir {
- public:
+public:
    TempDir() {
       const char* base = std::getenv("TMPDIR");
       std::string pattern = std::string(base && *base ? base : "/tmp") + "/korvo-util-XXXXXX";
@@ -121,7 +121,7 @@ class TempDir {
    const std::string& path() const { return path_; }
    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
- private:
+private:
    std::string path_;
 };
 
@@ -149,8 +149,9 @@ constexpr int childSkipped = 77;
 // them), so that file permissions apply to it.
 inline int runUnprivileged(const std::function<int()>& body) {
    return runInChild([&] {
-      if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-                               ::setresuid(65534, 65534, 65534) != 0)) {
+      if (::geteuid() == 0 &&
+          (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+           ::setresuid(65534, 65534, 65534) != 0)) {
          return childSkipped;
       }
       return body();
@@ -159,11 +160,11 @@ inline int runUnprivileged(const std::function<int()>& body) {
 
 // Makes assertion failures throw for the life of the object.
 class ThrowOnAssert {
- public:
+public:
    ThrowOnAssert() : previous_(Korvo::throwOnAssertFail()) { Korvo::throwOnAssertFailIs(true); }
    ~ThrowOnAssert() { Korvo::throwOnAssertFailIs(previous_); }
 
- private:
+private:
    bool previous_;
 };
 

@@ -26,7 +26,7 @@
 namespace Korvo {
 
 class KORVO_EXPORT DirNode : public Debuggable {
- public:
+public:
    // `h` must be owned by a shared pointer (as getDebugHandler() makes them); the
    // node keeps it alive.
    explicit DirNode(Platform::DebugHandler& h);
@@ -63,7 +63,7 @@ class KORVO_EXPORT DirNode : public Debuggable {
    // How many nodes share this node's stream (0 when none is open).
    long streamUseCount() const { return dir_.use_count(); }
 
- private:
+private:
    class Stream;
 
    std::shared_ptr<Stream> dir_;

@@ -33,7 +33,7 @@ KORVO_EXPORT int cmd_F_OFD_SETLK();
 KORVO_EXPORT int cmd_F_OFD_GETLK();
 
 class KORVO_EXPORT FileLock {
- public:
+public:
    // The lock file is directory + "/" + filename (filename alone when directory
    // is empty). Touches nothing on disk. A filename holding "/" is an assertion
    // failure. The handler must outlive the lock; steps trace at level 5,
@@ -64,9 +64,7 @@ class KORVO_EXPORT FileLock {
    // The pid that took the lock, else -1. Left in place by closeFd().
    int ownerPid() const { return ownerPid_; }
 
- private:
-   void assertOwnedHere() const;
-
+private:
    Platform::DebugHandler& h_;
    std::string directory_;
    std::string file_;

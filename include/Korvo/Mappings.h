@@ -35,7 +35,7 @@ struct KORVO_EXPORT MappingInfo {
 };
 
 class KORVO_EXPORT MappingInfos {
- public:
+public:
    using const_iterator = std::vector<MappingInfo>::const_iterator;
 
    // Appends a copy; the order is the file's order.
@@ -60,14 +60,14 @@ class KORVO_EXPORT MappingInfos {
    // The same over a maps text.
    static MappingInfos parse(const std::string& text);
 
- private:
+private:
    std::vector<MappingInfo> infos_;
 };
 
 // A process-wide cache of mappings by pid. Not locked: use it from one thread,
 // or guard it yourself.
 class KORVO_EXPORT PidMappings {
- public:
+public:
    // Reads /proc/<pid>/maps, replaces the cache entry of `pid` with the result and
    // returns a copy. When the file cannot be opened (the process is gone) the
    // result is empty and the cache is left as it was.
@@ -79,7 +79,7 @@ class KORVO_EXPORT PidMappings {
    // come and go.
    static void forget(int pid);
 
- private:
+private:
    static std::unordered_map<int, MappingInfos>& cache();
 };
 

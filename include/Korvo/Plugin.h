@@ -29,7 +29,7 @@ namespace Korvo {
 namespace Platform {
 
 class KORVO_EXPORT Plugin {
- public:
+public:
    Plugin() = default;
    Plugin(const Plugin&) = delete;
    Plugin& operator=(const Plugin&) = delete;
@@ -38,7 +38,7 @@ class KORVO_EXPORT Plugin {
    // plug-in's own operations follow it in a fixed order.
    virtual const char* name() const = 0;
 
- protected:
+protected:
    // Never deleted through the base: the plug-in library owns its object.
    ~Plugin() = default;
 };
@@ -59,13 +59,13 @@ KORVO_EXPORT Plugin* registeredPlugin(const char* name);
 // The interface of the counters plug-in "ThrobCountersPlugin", in slot order
 // after name(). The library ships no such plug-in; Counters finds one if present.
 class KORVO_EXPORT CountersPlugin : public Plugin {
- public:
+public:
    // Selects the set of counters the next counter() calls refer to.
    virtual void counterSetIs(const char* setName) = 0;
    // Where the counter `counterName` is to be incremented; may be `fallback`.
    virtual unsigned long* counter(const char* counterName, unsigned long* fallback) = 0;
 
- protected:
+protected:
    ~CountersPlugin() = default;
 };
 
@@ -79,7 +79,7 @@ class KORVO_EXPORT CountersPlugin : public Plugin {
 //    unsigned long* requests = counters.counter("requests", &local);
 //    ++*requests;
 class KORVO_EXPORT Counters {
- public:
+public:
    static constexpr const char* pluginName = "ThrobCountersPlugin";
 
    // Loads the counters plug-in if it is not loaded yet and, when present and
@@ -95,7 +95,7 @@ class KORVO_EXPORT Counters {
    Platform::CountersPlugin* plugin() const { return plugin_; }
    const std::string& setName() const { return setName_; }
 
- private:
+private:
    Platform::CountersPlugin* plugin_;
    std::string setName_;
    bool hasSet_;

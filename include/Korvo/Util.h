@@ -165,8 +165,7 @@ KORVO_EXPORT std::string readProcStartTime(int pid);
 // parentheses may hold blanks and parentheses: fields are counted from the last
 // ")". `source` names the line in assertion texts. Assertion failure when the
 // line has no ")" followed by at least two characters, or no non-empty field 22.
-KORVO_EXPORT std::string startTimeFromStat(const std::string& statLine,
-                                           const std::string& source);
+KORVO_EXPORT std::string startTimeFromStat(const std::string& statLine, const std::string& source);
 
 // The name of process `pid` from the "Name:" line of /proc/<pid>/status,
 // trimmed; "" when the file cannot be read, has no such line or an empty name.

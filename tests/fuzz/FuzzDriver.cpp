@@ -57,7 +57,8 @@ std::vector<std::string> readSeeds(const std::vector<std::string>& corpora) {
       for (const auto& entry : std::filesystem::recursive_directory_iterator(corpus, ignored)) {
          if (entry.is_regular_file()) {
             std::ifstream in(entry.path(), std::ios::binary);
-            seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+            seeds.emplace_back(std::istreambuf_iterator<char>(in),
+                               std::istreambuf_iterator<char>());
          }
       }
    }
@@ -65,13 +66,13 @@ std::vector<std::string> readSeeds(const std::vector<std::string>& corpora) {
 }
 
 // Pieces that matter to /proc parsers: separators, brackets, markers, numbers.
-const char* const tokens[] = {" ",      "  ",    "\t",     "\n",  "(",     ")",      ") (",
-                              ":",      "-",     "@",      "\0",  "0",     "ffffffff", "-1",
-                              "Name:",  "lock:", "OFDLCK", "POSIX", "->",  "---p",   "r-xp",
-                              "[heap]", " (deleted)", "99999999999999999999999"};
+const char* const tokens[] = {
+    " ",      "  ",    "\t", "\n",   "(",        ")",      ") (",        ":",
+    "-",      "@",     "\0", "0",    "ffffffff", "-1",     "Name:",      "lock:",
+    "OFDLCK", "POSIX", "->", "---p", "r-xp",     "[heap]", " (deleted)", "99999999999999999999999"};
 
 class Mutator {
- public:
+public:
    Mutator(unsigned long seed, size_t maxLength) : random_(seed), maxLength_(maxLength) {}
 
    std::string mutate(std::string input, const std::vector<std::string>& seeds) {
@@ -85,7 +86,7 @@ class Mutator {
       return input;
    }
 
- private:
+private:
    size_t below(size_t n) { return n == 0 ? 0 : random_() % n; }
 
    void step(std::string& s, const std::vector<std::string>& seeds) {

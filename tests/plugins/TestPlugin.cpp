@@ -12,7 +12,7 @@ namespace {
 int loads_ = 0;
 
 class TestPlugin : public TestPluginApi {
- public:
+public:
    const char* name() const override { return KORVO_TEST_PLUGIN_NAME; }
    int answer() const override { return 42; }
    int loads() const override { return loads_; }

@@ -5,12 +5,12 @@
 
 // The operations the test plug-ins add after name().
 class TestPluginApi : public Korvo::Platform::Plugin {
- public:
+public:
    virtual int answer() const = 0;
    // How many times the plug-in library's initialisation ran.
    virtual int loads() const = 0;
 
- protected:
+protected:
    ~TestPluginApi() = default;
 };
 

@@ -8,7 +8,7 @@
 namespace {
 
 class ThrobCounters : public Korvo::Platform::CountersPlugin {
- public:
+public:
    const char* name() const override { return "ThrobCountersPlugin"; }
    void counterSetIs(const char* setName) override { current_ = setName; }
    unsigned long* counter(const char* counterName, unsigned long* fallback) override {
@@ -19,7 +19,7 @@ class ThrobCounters : public Korvo::Platform::CountersPlugin {
       return &sets_[current_][counterName];
    }
 
- private:
+private:
    std::string current_;
    std::map<std::string, std::map<std::string, unsigned long>> sets_;
 };
