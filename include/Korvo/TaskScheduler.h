@@ -126,7 +126,9 @@ public:
 
    // One dispatch: runs at most one task and, after a task ran, requests the next
    // run. While the root is suspended it runs nothing. An exception from the task's
-   // taskExecute() passes out of here; no further run is requested by this dispatch.
+   // taskExecute() passes out of here (and out of doEventLoop()) with the task off
+   // its queue; no further run is requested, so a caller that carries on calls
+   // requestSchedulerRun() to resume the queued work.
    void handleSchedulerRun();
    // Picks and unlinks the next task from priority `from` down, or null.
    TaskImpl* pickOneTask(const TaskTimePoint& now, TaskPriority from);
