@@ -24,9 +24,9 @@ thread_local constinit LeThreadState leState;
 Platform::DebugHandler& leDebug() {
    // Made at first use and never freed: loops on other threads may trace until the
    // process is gone, after static destructors have run.
-   static Platform::DebugHandler& handler =
-       *(*new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent")));
-   return handler;
+   static std::shared_ptr<Platform::DebugHandler>* const handler =
+       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent"));
+   return **handler;
 }
 
 namespace {
@@ -39,10 +39,18 @@ namespace {
 void le_debug_cb(int severity, const char* msg) {
    unsigned level = 0;
    switch (severity) {
-      case EVENT_LOG_DEBUG: level = 9; break;
-      case EVENT_LOG_MSG: level = 5; break;
-      case EVENT_LOG_WARN: level = 1; break;
-      case EVENT_LOG_ERR: level = 0; break;
+      case EVENT_LOG_DEBUG:
+         level = 9;
+         break;
+      case EVENT_LOG_MSG:
+         level = 5;
+         break;
+      case EVENT_LOG_WARN:
+         level = 1;
+         break;
+      case EVENT_LOG_ERR:
+         level = 0;
+         break;
       default:
          KORVO_FAIL("invalid libevent severity:" << severity << " msg:" << (msg ? msg : ""));
    }
@@ -372,7 +380,8 @@ void LibeventFdControl::clearEvents() {
 }
 
 void LibeventFdControl::delFd() {
-   KORVO_LE_TRACE(9, "LibeventFdControl::delFd", "Fd " << DisplayPointer(this) << " del fd " << fd_);
+   KORVO_LE_TRACE(9, "LibeventFdControl::delFd",
+                  "Fd " << DisplayPointer(this) << " del fd " << fd_);
    clearEvents();
    fd_ = -1;
 }

@@ -59,6 +59,11 @@ KORVO_EXPORT timeval timevalFromMicros(int64_t micros);
 // Absolute times are on the scale event_pending() reports: the base's monotonic clock
 // mapped by the base's current offset to the wall clock. Only differences of such
 // values mean anything, and they are exact in the base's own clock.
+//
+// Timeouts of persistent events (EV_PERSIST with a timeout, which our controls never
+// use) are left out of both operations: libevent's public interface cannot move such
+// an expiry without changing the event's period for good, so on a base adopted with
+// leRegisterBase they keep running on real time under fast-forward.
 
 // The present time of `base` on that scale: the time libevent would measure a timeout
 // from if one were added now (its cached time inside a loop pass when the base caches).
@@ -69,17 +74,17 @@ KORVO_EXPORT void event_base_now(event_base* base, timeval* now);
 KORVO_EXPORT int event_base_get_first_timeout(event_base* base, timeval* first);
 // Moves every pending timeout of `base` `delta` earlier, keeping their order; returns
 // how many were moved, or -1 for a negative delta. Timeouts that had expired but not
-// run yet are moved as well, so they run on the next pass, still first. Works over
-// libevent's public interface by re-adding each event with its new remaining time, so
-// an event added with a common timeout moves to the ordinary timeout heap, and a
-// persistent (EV_PERSIST) event with a timeout is afterwards repeated by libevent with
-// that shortened remaining time as its period. O(n log n) in the pending timeouts.
+// run yet are moved as well, so they run on the next pass, still first. New expiries are
+// exact to the microsecond libevent keeps (give or take the one-microsecond jitter of
+// the base's wall-clock mapping). An event added with a common timeout moves to the
+// ordinary timeout heap. O(n log n) in the pending timeouts; safe inside a callback of
+// the base's loop.
 KORVO_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* delta);
 
 // ---- Controls.
 
 class KORVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
- public:
+public:
    explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
    ~LibeventTimerControl() override;
    LibeventTimerControl(const LibeventTimerControl&) = delete;
@@ -95,7 +100,7 @@ class KORVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
    void handleExpiry();
    static void handleTimeout(evutil_socket_t, short, void* control);
 
- private:
+private:
    Platform::TimeoutHandler* timeoutHandler_;
    event event_;
 };
@@ -104,7 +109,7 @@ class KORVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
 class KORVO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
                                              private Platform::TimeoutHandler,
                                              private LibeventTimerControl {
- public:
+public:
    explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
    ~LibeventCallbackControl() override;
 
@@ -112,14 +117,14 @@ class KORVO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
    void cancelCallback() override;
    bool pendingCallback() const override;
 
- private:
+private:
    void timeout() override;
 
    Platform::CallbackHandler* callbackHandler_;
 };
 
 class KORVO_EXPORT LibeventFdControl : public Platform::FdControl {
- public:
+public:
    explicit LibeventFdControl(Platform::FdEventHandler* handler);
    ~LibeventFdControl() override;
    LibeventFdControl(const LibeventFdControl&) = delete;
@@ -138,7 +143,7 @@ class KORVO_EXPORT LibeventFdControl : public Platform::FdControl {
    static void handleFdRead(evutil_socket_t, short, void* control);
    static void handleFdWrite(evutil_socket_t, short, void* control);
 
- private:
+private:
    void armRead();
    void armWrite();
    void handleRead();

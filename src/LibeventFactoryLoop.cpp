@@ -27,7 +27,7 @@ std::vector<void (*)()>& notifiers() {
 }
 
 class LoopRun {
- public:
+public:
    LoopRun() {
       // libevent refuses a nested dispatch of a running base with a mere warning; a
       // loop call from inside a handler is a mistake to stop where it is made.
@@ -54,7 +54,7 @@ void dispatch(event_base* base) {
 
 // A break event on the stack, removed whichever way the dispatch is left.
 class BreakEvent {
- public:
+public:
    BreakEvent(event_base* base, const timeval& after) {
       event_assign(&event_, base, -1, 0, &EvLoopBreak::handleBaseLoopBreak, &event_);
       event_add(&event_, &after);
@@ -66,7 +66,7 @@ class BreakEvent {
    BreakEvent(const BreakEvent&) = delete;
    BreakEvent& operator=(const BreakEvent&) = delete;
 
- private:
+private:
    event event_;
 };
 

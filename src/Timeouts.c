@@ -14,12 +14,19 @@
  * Records whose tick differs from now above byte 6 are parked on one overflow list.
  *
  * When now moves from old to new, the records of a level that can be due or misplaced are those
- * in slots up to new's byte there (all slots if a higher byte changed too). Each such slot is
- * emptied and its records either expire or are placed again relative to new, which puts them on
- * a lower level; levels are processed from the bottom up so that a record moved down is never
- * looked at twice. Once a level's and all higher bytes of old and new agree, nothing above can
- * change. A record therefore moves at most once per level it starts above, and a 60 s timeout at
- * 100 Hz (6000 ticks, below 65536) cascades at most once.
+ * in slots up to new's byte there (all slots if a higher byte changed too). Every such slot but
+ * one is due as a whole: its ticks are below new (or, on level 0, equal to it), so its list is
+ * spliced onto the expired queue in O(1) without touching its records. The one exception is the
+ * slot at new's byte on the highest level whose byte changed: its records are placed again
+ * relative to new, which expires them or puts them on a lower level. Levels are processed from
+ * the bottom up so that a record moved down is never looked at twice, and once a level's and all
+ * higher bytes of old and new agree, nothing above can change. A record therefore moves at most
+ * once per level it starts above, and a 60 s timeout at 100 Hz (6000 ticks, below 65536)
+ * cascades at most once.
+ *
+ * Since a pending record's tick is always after now and an expired one's never is, the tick
+ * tells which it is; a record spliced onto the expired queue keeps a stale list index, which is
+ * only ever read while the record is pending.
  *
  * A 256-bit bitmap per level marks the non-empty slots, and a 28-bit summary marks its non-zero
  * 64-bit words, so finding the lowest non-empty slot of a level is two ctz.
@@ -155,7 +162,7 @@ static inline void place(struct timeouts* T, struct timeout* to) {
 }
 
 static inline void unlinkFrom(struct timeouts* T, struct timeout* to) {
-   unsigned list = to->list;
+   unsigned list = to->expires <= T->now ? (unsigned)EXPIRED_LIST : to->list;
    if (listRemove(&T->lists[list], to) && list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
 }
@@ -169,11 +176,11 @@ struct timeout* timeout_init(struct timeout* to, int flags) {
 }
 
 bool timeout_pending(const struct timeout* to) {
-   return to->timeouts && to->list != EXPIRED_LIST;
+   return to->timeouts && to->expires > to->timeouts->now;
 }
 
 bool timeout_expired(const struct timeout* to) {
-   return to->timeouts && to->list == EXPIRED_LIST;
+   return to->timeouts && to->expires <= to->timeouts->now;
 }
 
 void timeout_del(struct timeout* to) {
@@ -228,23 +235,73 @@ timeout_t timeouts_hz(const struct timeouts* T) {
    return T->hz;
 }
 
-/* Empties one list and places each of its records again relative to now: it expires, or goes
- * to a lower level (or stays parked). Costs O(records on the list). */
+/* Empties one list and places each of its records again relative to now, in list order: it
+ * expires, or goes to a lower level (or stays parked). Costs O(records on the list).
+ *
+ * With many timers the records of a list are scattered over memory and the walk is a chain of
+ * cache misses. Walking from both ends at once keeps two misses in flight: records met from the
+ * front are placed at once, records met from the back are stacked (through their next links,
+ * which are no longer needed) and placed after the two walks meet, which restores list order. */
 static void redistribute(struct timeouts* T, unsigned list) {
-   struct timeout* first = T->lists[list];
+   struct timeout* front = T->lists[list];
    T->lists[list] = NULL;
    if (list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
-   struct timeout* last = first->prev;
-   struct timeout* to = first;
+   struct timeout* back = front->prev;
+   struct timeout* stack = NULL;
    for (;;) {
-      /* Placing relinks the record, so take the walk's next step first. */
-      struct timeout* next = to->next;
-      place(T, to);
-      if (to == last)
+      if (front == back) {
+         place(T, front);
          break;
-      to = next;
+      }
+      /* Placing relinks a record, so take both walks' next steps first. */
+      struct timeout* frontNext = front->next;
+      struct timeout* backPrev = back->prev;
+      place(T, front);
+      back->next = stack;
+      stack = back;
+      if (frontNext == back)
+         break;
+      front = frontNext;
+      back = backPrev;
    }
+   while (stack) {
+      struct timeout* to = stack;
+      stack = to->next;
+      place(T, to);
+   }
+}
+
+/* Brings the first records of a list into the cache, walking from both ends at once so that two
+ * misses are in flight. timeouts_get would otherwise meet them one miss at a time, as each
+ * record's successor is known only once the record has been read. */
+static void warm(struct timeout* first) {
+   struct timeout* front = first;
+   struct timeout* back = first->prev;
+   for (unsigned steps = 0; steps < 256 && front != back && front->next != back; steps++) {
+      front = front->next;
+      back = back->prev;
+   }
+}
+
+/* Moves a whole slot's list to the tail of the expired queue: O(1), whatever its length, but for
+ * warming the records when the queue was empty (then they are about to be taken). */
+static void expireSlot(struct timeouts* T, unsigned list) {
+   struct timeout* first = T->lists[list];
+   T->lists[list] = NULL;
+   slotClear(T, list - FIRST_SLOT);
+   struct timeout* head = T->lists[EXPIRED_LIST];
+   if (!head) {
+      T->lists[EXPIRED_LIST] = first;
+      warm(first);
+      return;
+   }
+   struct timeout* last = first->prev;
+   struct timeout* tail = head->prev;
+   tail->next = first;
+   first->prev = tail;
+   last->next = head;
+   head->prev = last;
 }
 
 void timeouts_update(struct timeouts* T, timeout_t tick) {
@@ -259,8 +316,13 @@ void timeouts_update(struct timeouts* T, timeout_t tick) {
       bool sameAbove = (old >> shift >> LEVEL_BITS) == (tick >> shift >> LEVEL_BITS);
       unsigned limit = sameAbove ? (unsigned)(tick >> shift) & (LEVEL_SLOTS - 1) : LEVEL_SLOTS - 1;
       unsigned slot;
-      while ((slot = levelFirstSlot(T, level)) <= limit)
-         redistribute(T, FIRST_SLOT + level * LEVEL_SLOTS + slot);
+      while ((slot = levelFirstSlot(T, level)) <= limit) {
+         unsigned list = FIRST_SLOT + level * LEVEL_SLOTS + slot;
+         if (level > 0 && sameAbove && slot == limit)
+            redistribute(T, list);
+         else
+            expireSlot(T, list);
+      }
    }
    if (T->lists[PARKED_LIST] && (old >> SPAN_BITS) != (tick >> SPAN_BITS))
       redistribute(T, PARKED_LIST);
@@ -426,7 +488,8 @@ static bool checkRecord(const struct timeouts* T, unsigned list, const struct ti
          (const void*)to->next->prev);
    CHECK(to->timeouts == T, "list %u: record %p: wheel is %p, expected %p", list, (const void*)to,
          (const void*)to->timeouts, (const void*)T);
-   CHECK(to->list == list, "list %u: record %p: records list %u", list, (const void*)to, to->list);
+   CHECK(list == EXPIRED_LIST || to->list == list, "list %u: record %p: records list %u", list,
+         (const void*)to, to->list);
    unsigned expected = listOf(to->expires, T->now);
    CHECK(expected == list, "list %u: record %p: tick %llu at now %llu belongs on list %u", list,
          (const void*)to, (unsigned long long)to->expires, (unsigned long long)T->now, expected);

@@ -6,6 +6,7 @@
 #include "Korvo/Exception.h"
 #include "Korvo/Thread.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace Korvo {
@@ -149,11 +150,15 @@ timeout_t TimerWheel::currentTick(double now) {
    // Now rounds up and expiries round down: the wheel reports a timer at the
    // latest in the tick holding its expiry, and the exact check holds back those
    // that are still early.
-   return static_cast<timeout_t>(std::ceil(now * ticksPerSecond));
+   // Library time is never negative, so a conversion is floor and one more
+   // compare is ceil; std::ceil/std::floor would be calls into libm here.
+   const double ticks = now * ticksPerSecond;
+   const auto whole = static_cast<timeout_t>(ticks);
+   return static_cast<double>(whole) < ticks ? whole + 1 : whole;
 }
 
 timeout_t TimerWheel::expiryTick(double expiry) {
-   return static_cast<timeout_t>(std::floor(expiry * ticksPerSecond));
+   return static_cast<timeout_t>(expiry * ticksPerSecond);
 }
 
 TimerWheel::TimerWheel() : error_(0), masterExpiry_(TimerWheelEvent::infinity()), wheel_(nullptr) {
@@ -187,6 +192,9 @@ void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
 }
 
 void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
+   KORVO_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   // Like the libevent controls, a time in the past means "due at once".
+   expiry = std::max(expiry, 0.0);
    if (expiry == event->expirationTime_) {
       return;
    }

@@ -76,9 +76,9 @@ TEST(TimeoutsTest, OpensWithRateAndReportsEmptyWheel) {
 }
 
 TEST(TimeoutsTest, FiresInTheUpdateThatPassesItsTick) {
+   timeout rel, abs;
    Wheel T = openWheel();
    timeouts_update(T.get(), 1000);
-   timeout rel, abs;
    timeout_init(&rel, 0);
    timeout_init(&abs, TIMEOUT_ABS);
    timeouts_add(T.get(), &rel, 10);  // relative: tick 1010
@@ -112,9 +112,9 @@ TEST(TimeoutsTest, FiresInTheUpdateThatPassesItsTick) {
 }
 
 TEST(TimeoutsTest, AddingAtOrBeforeNowExpiresAtOnce) {
+   timeout now, past, zero;
    Wheel T = openWheel();
    timeouts_update(T.get(), 500);
-   timeout now, past, zero;
    timeouts_add(T.get(), timeout_init(&now, TIMEOUT_ABS), 500);
    timeouts_add(T.get(), timeout_init(&past, TIMEOUT_ABS), 3);
    timeouts_add(T.get(), timeout_init(&zero, 0), 0);
@@ -128,8 +128,10 @@ TEST(TimeoutsTest, AddingAtOrBeforeNowExpiresAtOnce) {
 }
 
 TEST(TimeoutsTest, DeleteIsIdempotentAndWorksInEveryState) {
+   timeout to = TIMEOUT_INITIALIZER(4);
+   EXPECT_EQ(to.flags, 4);
+   EXPECT_FALSE(timeout_pending(&to));
    Wheel T = openWheel();
-   timeout to;
    timeout_init(&to, 0);
    timeout_del(&to);  // idle: nothing to do
    timeouts_del(T.get(), &to);
@@ -152,9 +154,9 @@ TEST(TimeoutsTest, DeleteIsIdempotentAndWorksInEveryState) {
 }
 
 TEST(TimeoutsTest, ReAddingMovesPendingAndExpiredRecords) {
+   timeout to;
    Wheel T = openWheel();
    Wheel other = openWheel();
-   timeout to;
    timeout_init(&to, TIMEOUT_ABS);
    timeouts_add(T.get(), &to, 70000);  // a high level
    timeouts_add(T.get(), &to, 30);     // moved down
@@ -176,8 +178,8 @@ TEST(TimeoutsTest, ReAddingMovesPendingAndExpiredRecords) {
 }
 
 TEST(TimeoutsTest, UserFlagBitsAreNeverTouchedNorConsulted) {
-   Wheel T = openWheel();
    std::vector<timeout> recs(64);
+   Wheel T = openWheel();
    for (size_t i = 0; i < recs.size(); i++)
       timeouts_add(T.get(), timeout_init(&recs[i], TIMEOUT_ABS | 4), 1 + i * 997);
    for (size_t i = 0; i < recs.size(); i++)
@@ -198,13 +200,13 @@ TEST(TimeoutsTest, TimeoutNeverOverstatesAndReachesEachRecord) {
    // through, one to fire) and never past it.
    std::mt19937_64 rng(7);
    for (int round = 0; round < 2000; round++) {
+      timeout to;
       Wheel T = openWheel();
       timeout_t start = rng() >> (rng() % 64);
       timeouts_update(T.get(), start);
       timeout_t tick = start + 1 + (rng() >> (rng() % 63 + 1));
       if (tick <= start)
          tick = kMax;
-      timeout to;
       timeouts_add(T.get(), timeout_init(&to, TIMEOUT_ABS), tick);
       timeout_t now = start;
       int wakeups = 0;
@@ -222,10 +224,10 @@ TEST(TimeoutsTest, TimeoutNeverOverstatesAndReachesEachRecord) {
 }
 
 TEST(TimeoutsTest, LargeTicksAndStepsDoNotOverflow) {
+   timeout a, b, c, d;
    Wheel T = openWheel();
    timeout_t big = timeout_t(1) << 53;
    timeouts_update(T.get(), big);
-   timeout a, b, c, d;
    timeouts_add(T.get(), timeout_init(&a, TIMEOUT_ABS), big + 1);
    timeouts_add(T.get(), timeout_init(&b, 0), timeout_t(1) << 48);
    timeouts_add(T.get(), timeout_init(&c, 0), kMax);  // saturates at UINT64_MAX
@@ -249,9 +251,9 @@ TEST(TimeoutsTest, LargeTicksAndStepsDoNotOverflow) {
 }
 
 TEST(TimeoutsTest, ParkedRecordsNeverFireEarly) {
+   timeout parked, near;
    Wheel T = openWheel();
    timeout_t far = timeout_t(3) << 60;
-   timeout parked, near;
    timeouts_add(T.get(), timeout_init(&parked, TIMEOUT_ABS), far);
    EXPECT_TRUE(timeout_pending(&parked));
    EXPECT_TRUE(timeouts_pending(T.get()));
@@ -276,10 +278,10 @@ TEST(TimeoutsTest, ParkedRecordsNeverFireEarly) {
 }
 
 TEST(TimeoutsTest, SameTickFiresInArmingOrderThroughCascades) {
+   std::vector<timeout> recs(50);
    Wheel T = openWheel();
    timeouts_update(T.get(), 1234567);
    const timeout_t tick = 1234567 + 6000;
-   std::vector<timeout> recs(50);
    std::vector<timeout*> expect;
    for (size_t i = 0; i < recs.size(); i++) {
       timeout_init(&recs[i], TIMEOUT_ABS);
@@ -296,9 +298,9 @@ TEST(TimeoutsTest, SameTickFiresInArmingOrderThroughCascades) {
 }
 
 TEST(TimeoutsTest, IntervalRecordsRearmAndSkipMissedPeriods) {
+   timeout to;
    Wheel T = openWheel();
    timeouts_update(T.get(), 3);
-   timeout to;
    timeouts_add(T.get(), timeout_init(&to, TIMEOUT_INT | 8), 10);
    EXPECT_EQ(to.expires, 13u);
    timeouts_update(T.get(), 13);
@@ -361,8 +363,8 @@ TEST(TimeoutsTest, IntervalRecordsRearmAndSkipMissedPeriods) {
 }
 
 TEST(TimeoutsTest, IteratesPendingExpiredAndAll) {
-   Wheel T = openWheel();
    std::vector<timeout> recs(300);
+   Wheel T = openWheel();
    for (size_t i = 0; i < recs.size(); i++)
       timeouts_add(T.get(), timeout_init(&recs[i], 0), i % 3 ? 1 + (i * 7919) % 100000 : 0);
    size_t expiredAtOnce = recs.size() / 3;
@@ -426,8 +428,8 @@ TEST(TimeoutsTest, CloseLeavesRecordsIdle) {
 }
 
 TEST(TimeoutsTest, CheckReportsBrokenInvariants) {
-   Wheel T = openWheel();
    std::vector<timeout> recs(3);
+   Wheel T = openWheel();
    for (auto& r : recs)
       timeouts_add(T.get(), timeout_init(&r, 0), 300);
    bool ok = false;

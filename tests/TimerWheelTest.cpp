@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <random>
 #include <stdexcept>
@@ -141,6 +142,16 @@ TEST_F(TimerWheelTest, ThrowingHandlerLosesNoTimer) {
    wheel->timerStart(&fresh, 0.25);
    Korvo::Platform::doEventLoop(0.5);
    EXPECT_EQ(fresh.firedAt.size(), 1u);
+}
+
+TEST_F(TimerWheelTest, BadDelays) {
+   Event past, nan;
+   wheel->timerStart(&past, -1e9);
+   EXPECT_EQ(past.remainingTimeout(), 0.0);
+   Korvo::Platform::doEventLoop(0.1);
+   EXPECT_EQ(past.firedAt.size(), 1u);
+   EXPECT_THROW(wheel->timerStart(&nan, std::nan("")), Korvo::AssertException);
+   EXPECT_FALSE(nan.running());
 }
 
 TEST_F(TimerWheelTest, WheelControlBehavesLikeATimerControl) {

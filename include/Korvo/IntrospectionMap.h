@@ -20,7 +20,7 @@
 namespace Korvo {
 
 class KORVO_EXPORT IntrospectionMap {
- public:
+public:
    // Renders the `size` bytes at `value`. An empty result means "nothing to say": the
    // caller then shows the hex dump.
    using Printer = std::function<std::string(const void* value, int size)>;

@@ -60,7 +60,7 @@ public:
 // assertion failure. The handler may re-arm, cancel or destroy its own control
 // from inside timeout().
 class KORVO_EXPORT TimerControl {
- public:
+public:
    virtual ~TimerControl() = default;
    // Fires timeout() once, `seconds` from now.
    virtual void setTimeout(double seconds) = 0;
@@ -74,7 +74,7 @@ class KORVO_EXPORT TimerControl {
 // never from inside requestCallback() itself. A request made inside callback() asks
 // for one more call on a later pass of the loop.
 class KORVO_EXPORT CallbackControl {
- public:
+public:
    virtual ~CallbackControl() = default;
    virtual void requestCallback() = 0;
    virtual void cancelCallback() = 0;
@@ -89,7 +89,7 @@ class KORVO_EXPORT CallbackControl {
 // delFd() and the destructor only stop watching it. The fd passed to the handler is
 // the control's getFd() at the time of the call.
 class KORVO_EXPORT FdControl {
- public:
+public:
    virtual ~FdControl() = default;
    virtual void setReads(bool on) = 0;
    virtual void setWrites(bool on) = 0;
@@ -138,7 +138,7 @@ KORVO_EXPORT void fastForwardBy(double seconds);
 // name in the introspection map (Korvo/IntrospectionMap.h), or, when there is none or
 // it returns an empty string, the hex dump of the value's `size` bytes.
 class KORVO_EXPORT ValuePrinter {
- public:
+public:
    ValuePrinter(const std::string& typeName, int size) : typeName_(typeName), size_(size) {}
    // `value` must point at `size` readable bytes.
    virtual std::string toString(const void* value) const;
@@ -147,7 +147,7 @@ class KORVO_EXPORT ValuePrinter {
    const std::string& typeName() const { return typeName_; }
    int size() const { return size_; }
 
- private:
+private:
    std::string typeName_;
    int size_;
 };

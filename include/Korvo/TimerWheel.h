@@ -108,7 +108,8 @@ public:
    TimerWheel& operator=(const TimerWheel&) = delete;
 
    // (Re)arms `event` to expire `delay` seconds from now; the same absolute expiry
-   // again changes nothing. Never allocates.
+   // again changes nothing. A delay that ends in the past makes it due at once; NaN
+   // is an assertion failure. Never allocates.
    void timerStart(TimerWheelEvent* event, double delay);
    // The same for an absolute library time (Korvo::time()); timers started for
    // one expiry fire in the order they were started.

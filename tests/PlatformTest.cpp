@@ -1,0 +1,508 @@
+// The control contracts, through the Platform factories and doEventLoop.
+#include <Korvo/Platform.h>
+
+#include <Korvo/IntrospectionMap.h>
+
+#include "PlatformTestSupport.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using Korvo::Platform::CallbackControl;
+using Korvo::Platform::FdControl;
+using Korvo::Platform::TimerControl;
+using KorvoTest::assertionText;
+using KorvoTest::Pipe;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+struct Marker {
+   int id;
+};
+
+class Timer : public Korvo::Platform::TimeoutHandler {
+public:
+   Timer() : control(Korvo::Platform::getTimerControl(this)) {}
+   void timeout() override {
+      ++fired;
+      firedAt.push_back(Korvo::time());
+      if (onTimeout) {
+         onTimeout();
+      }
+   }
+   bool handleTimeoutException() override {
+      ++exceptions;
+      try {
+         throw;
+      } catch (const Marker& m) {
+         seen = &m;
+      } catch (...) {
+      }
+      return handles;
+   }
+
+   std::shared_ptr<TimerControl> control;
+   std::function<void()> onTimeout;
+   int fired = 0;
+   std::vector<double> firedAt;
+   int exceptions = 0;
+   bool handles = false;
+   const Marker* seen = nullptr;
+};
+
+class Callback : public Korvo::Platform::CallbackHandler {
+public:
+   Callback() : control(Korvo::Platform::getCallbackControl(this)) {}
+   void callback() override {
+      ++calls;
+      if (onCallback) {
+         onCallback();
+      }
+   }
+   bool handleCallbackException() override {
+      ++exceptions;
+      return handles;
+   }
+
+   std::shared_ptr<CallbackControl> control;
+   std::function<void()> onCallback;
+   int calls = 0;
+   int exceptions = 0;
+   bool handles = false;
+};
+
+class FdWatcher : public Korvo::Platform::FdEventHandler {
+public:
+   FdWatcher() : control(Korvo::Platform::getFdControl(this)) {}
+   void readFdEvent(int fd) override {
+      readFds.push_back(fd);
+      if (onRead) {
+         onRead(fd);
+      }
+   }
+   void writeFdEvent(int fd) override {
+      writeFds.push_back(fd);
+      if (onWrite) {
+         onWrite(fd);
+      }
+   }
+   bool handleFdException(int fd) override {
+      exceptionFds.push_back(fd);
+      return handles;
+   }
+
+   std::shared_ptr<FdControl> control;
+   std::function<void(int)> onRead;
+   std::function<void(int)> onWrite;
+   std::vector<int> readFds;
+   std::vector<int> writeFds;
+   std::vector<int> exceptionFds;
+   bool handles = false;
+};
+
+char readByte(int fd) {
+   char c = 0;
+   EXPECT_EQ(::read(fd, &c, 1), 1);
+   return c;
+}
+
+// ---- Timer control.
+
+TEST(TimerControlTest, RemainingTimeoutFollowsTheTimersState) {
+   Timer timer;
+   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
+
+   timer.control->setTimeout(5.0);
+   const double remaining = timer.control->remainingTimeout();
+   EXPECT_LE(remaining, 5.0);
+   EXPECT_GT(remaining, 4.0);
+
+   timer.control->delTimeout();
+   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
+   timer.control->delTimeout();  // idle: harmless
+   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
+
+   // Due at once but not run yet: 0.0, however long ago the expiry passed.
+   timer.control->setTimeout(0.0);
+   EXPECT_EQ(timer.control->remainingTimeout(), 0.0);
+   timer.control->setTimeout(0.000001);
+   ::usleep(1000);
+   EXPECT_EQ(timer.control->remainingTimeout(), 0.0);
+
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 1);
+   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
+}
+
+TEST(TimerControlTest, FiresOnceAndNeverBeforeItsDelay) {
+   Timer timer;
+   const double armedAt = Korvo::time();
+   timer.control->setTimeout(0.02);
+   Korvo::Platform::doEventLoop();  // returns once nothing is registered any more
+   ASSERT_EQ(timer.fired, 1);
+   EXPECT_GE(timer.firedAt[0] - armedAt, 0.02);
+}
+
+TEST(TimerControlTest, ArmingAgainReplacesThePendingExpiry) {
+   Timer timer;
+   timer.control->setTimeout(3600.0);
+   timer.control->setTimeout(0.001);
+   EXPECT_LE(timer.control->remainingTimeout(), 0.001);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 1);
+
+   // Cancelled before the loop runs: the loop has nothing to wait for.
+   timer.control->setTimeout(3600.0);
+   timer.control->delTimeout();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 1);
+}
+
+TEST(TimerControlTest, HandlerMayRearmOrDestroyItsOwnControl) {
+   Timer timer;
+   timer.onTimeout = [&] {
+      if (timer.fired < 3) {
+         timer.control->setTimeout(0.0);
+      }
+   };
+   timer.control->setTimeout(0.0);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 3);
+
+   timer.onTimeout = [&] { timer.control.reset(); };
+   timer.control->setTimeout(0.0);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 4);
+   EXPECT_EQ(timer.control, nullptr);
+}
+
+TEST(TimerControlTest, DestroyingAnArmedControlWithdrawsIt) {
+   Timer timer;
+   timer.control->setTimeout(0.0);
+   timer.control.reset();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 0);
+}
+
+TEST(TimerControlTest, OddDelays) {
+   Timer timer;
+   // Negative: due at once, run by the loop and not inside setTimeout.
+   timer.control->setTimeout(-2.5);
+   EXPECT_EQ(timer.fired, 0);
+   EXPECT_EQ(timer.control->remainingTimeout(), 0.0);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 1);
+
+   // Too far (or infinite): clamped, still armed.
+   timer.control->setTimeout(infinity);
+   EXPECT_GT(timer.control->remainingTimeout(), Korvo::Platform::maxDelaySeconds - 1.0);
+   EXPECT_LE(timer.control->remainingTimeout(), Korvo::Platform::maxDelaySeconds);
+
+   // NaN is a mistake and leaves the pending expiry alone.
+   timer.control->setTimeout(60.0);
+   EXPECT_THAT(assertionText([&] { timer.control->setTimeout(std::nan("")); }),
+               HasSubstr("LibeventTimerControl::setTimeout: seconds is NaN"));
+   EXPECT_GT(timer.control->remainingTimeout(), 59.0);
+   timer.control->delTimeout();
+}
+
+TEST(TimerControlDeathTest, NanDelayAbortsByDefault) {
+   Timer timer;
+   EXPECT_DEATH(timer.control->setTimeout(std::nan("")),
+                "Korvo::Assert aborting because: .*seconds is NaN");
+}
+
+// ---- Callback control.
+
+TEST(CallbackControlTest, RequestsCoalesceAndRunFromTheLoopOnly) {
+   Callback cb;
+   EXPECT_FALSE(cb.control->pendingCallback());
+   cb.control->requestCallback();
+   cb.control->requestCallback();
+   EXPECT_TRUE(cb.control->pendingCallback());
+   EXPECT_EQ(cb.calls, 0);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(cb.calls, 1);
+   EXPECT_FALSE(cb.control->pendingCallback());
+
+   cb.control->requestCallback();
+   cb.control->cancelCallback();
+   EXPECT_FALSE(cb.control->pendingCallback());
+   cb.control->cancelCallback();  // none pending: harmless
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(cb.calls, 1);
+}
+
+TEST(CallbackControlTest, RequestFromInsideCallbackRunsOnALaterPass) {
+   Callback cb;
+   cb.onCallback = [&] {
+      if (cb.calls < 5) {
+         cb.control->requestCallback();
+         // Not run from inside the request, even when the loop is running.
+         EXPECT_TRUE(cb.control->pendingCallback());
+      }
+   };
+   cb.control->requestCallback();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(cb.calls, 5);
+}
+
+TEST(CallbackControlTest, ControlDestroyedByAnotherCallbackOfTheSamePassDoesNotRun) {
+   Callback first;
+   Callback second;
+   // Whichever runs first destroys the other's control while it is due.
+   first.onCallback = [&] { second.control.reset(); };
+   second.onCallback = [&] { first.control.reset(); };
+   first.control->requestCallback();
+   second.control->requestCallback();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(first.calls + second.calls, 1);
+}
+
+// ---- Exception policy.
+
+TEST(ExceptionPolicyTest, DeclinedExceptionLeavesTheLoopUnchanged) {
+   Timer timer;
+   timer.onTimeout = [] { throw Marker{42}; };
+   timer.control->setTimeout(0.0);
+   const Marker* caught = nullptr;
+   try {
+      Korvo::Platform::doEventLoop();
+   } catch (const Marker& m) {
+      caught = &m;
+      EXPECT_EQ(m.id, 42);
+   }
+   ASSERT_NE(caught, nullptr);
+   EXPECT_EQ(timer.exceptions, 1);
+   EXPECT_EQ(timer.seen, caught);                           // the very object, not a copy
+   EXPECT_EQ(timer.control->remainingTimeout(), infinity);  // fired: stays idle
+
+   // The loop is usable again afterwards.
+   timer.onTimeout = nullptr;
+   timer.control->setTimeout(0.0);
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(timer.fired, 2);
+}
+
+TEST(ExceptionPolicyTest, HandledExceptionLetsTheLoopGoOn) {
+   Timer throwing;
+   throwing.handles = true;
+   throwing.onTimeout = [] { throw std::runtime_error("timer"); };
+   Callback cbThrowing;
+   cbThrowing.handles = true;
+   cbThrowing.onCallback = [] { throw std::runtime_error("callback"); };
+   Timer later;
+
+   KorvoTest::TraceCapture traces;
+   throwing.control->setTimeout(0.0);
+   cbThrowing.control->requestCallback();
+   later.control->setTimeout(0.005);
+   Korvo::Platform::doEventLoop();
+
+   EXPECT_EQ(throwing.exceptions, 1);
+   EXPECT_EQ(cbThrowing.exceptions, 1);
+   EXPECT_EQ(later.fired, 1);
+   EXPECT_THAT(traces.text(), HasSubstr("Timeout notification exception was handled"));
+   EXPECT_THAT(traces.text(), HasSubstr("Callback notification exception was handled"));
+}
+
+TEST(ExceptionPolicyTest, CallbackExceptionDeclinedLeavesNothingPending) {
+   Callback cb;
+   cb.onCallback = [] { throw std::runtime_error("declined"); };
+   cb.control->requestCallback();
+   EXPECT_THROW(Korvo::Platform::doEventLoop(), std::runtime_error);
+   EXPECT_EQ(cb.exceptions, 1);
+   EXPECT_FALSE(cb.control->pendingCallback());
+}
+
+TEST(ExceptionPolicyTest, FdExceptionGetsTheControlsDescriptor) {
+   Pipe pipe;
+   FdWatcher watcher;
+   watcher.onRead = [&](int fd) {
+      readByte(fd);
+      throw std::runtime_error("read");
+   };
+   watcher.control->setFd(pipe.readFd());
+   pipe.put("ab");
+   EXPECT_THROW(Korvo::Platform::doEventLoop(), std::runtime_error);
+   EXPECT_EQ(watcher.exceptionFds, std::vector<int>{pipe.readFd()});
+
+   // Handled: the persistent read goes on until the handler withdraws it.
+   watcher.handles = true;
+   watcher.onRead = [&](int fd) {
+      readByte(fd);
+      watcher.control->delFd();
+      throw std::runtime_error("read");
+   };
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(watcher.exceptionFds.size(), 2u);
+   EXPECT_EQ(watcher.exceptionFds[1], pipe.readFd());
+}
+
+// ---- Descriptor control.
+
+TEST(FdControlTest, SetFdAloneWatchesPersistentlyForReads) {
+   Pipe pipe;
+   ASSERT_EQ(fcntl(pipe.readFd(), F_GETFL) & O_NONBLOCK, 0);
+   FdWatcher watcher;
+   EXPECT_EQ(watcher.control->getFd(), -1);
+   watcher.control->setFd(pipe.readFd());
+   EXPECT_EQ(watcher.control->getFd(), pipe.readFd());
+   EXPECT_NE(fcntl(pipe.readFd(), F_GETFL) & O_NONBLOCK, 0);
+
+   std::string got;
+   watcher.onRead = [&](int fd) {
+      got += readByte(fd);
+      if (got.size() == 3) {
+         watcher.control->delFd();
+      }
+   };
+   pipe.put("xyz");
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(got, "xyz");
+   EXPECT_EQ(watcher.readFds, (std::vector<int>{pipe.readFd(), pipe.readFd(), pipe.readFd()}));
+   EXPECT_EQ(watcher.control->getFd(), -1);
+   // Never closed by the control, neither by delFd nor by its destruction.
+   EXPECT_NE(fcntl(pipe.readFd(), F_GETFD), -1);
+   watcher.control->setFd(pipe.readFd());
+   watcher.control.reset();
+   EXPECT_NE(fcntl(pipe.readFd(), F_GETFD), -1);
+}
+
+TEST(FdControlTest, WritesAreOneShot) {
+   Pipe pipe;
+   FdWatcher watcher;
+   watcher.control->setReads(false);
+   watcher.control->setWrites(true);
+   watcher.control->setFd(pipe.writeFd());
+   Korvo::Platform::doEventLoop();  // one event, then nothing is left to wait for
+   EXPECT_EQ(watcher.writeFds, std::vector<int>{pipe.writeFd()});
+
+   watcher.control->setWrites(true);
+   int rounds = 0;
+   watcher.onWrite = [&](int) {
+      if (++rounds < 3) {
+         watcher.control->setWrites(true);
+      }
+   };
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(watcher.writeFds.size(), 4u);
+}
+
+TEST(FdControlTest, InterestsSetBeforeTheDescriptorApplyAtOnce) {
+   Pipe pipe;
+   FdWatcher watcher;
+   watcher.control->setReads(false);
+   pipe.put("a");
+   watcher.control->setFd(pipe.readFd());
+   Korvo::Platform::doEventLoop();  // nothing watched
+   EXPECT_TRUE(watcher.readFds.empty());
+
+   watcher.control->setReads(true);
+   watcher.onRead = [&](int) { watcher.control->clearEvents(); };
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(watcher.readFds.size(), 1u);
+   EXPECT_EQ(watcher.control->getFd(), pipe.readFd());  // clearEvents keeps the fd
+
+   // clearEvents withdrew the watch although the byte is still there.
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(watcher.readFds.size(), 1u);
+}
+
+TEST(FdControlTest, BadDescriptorsFailClearly) {
+   FdWatcher watcher;
+   EXPECT_THAT(assertionText([&] { watcher.control->setFd(-1); }), HasSubstr("flags >= 0"));
+   int closedFd = ::dup(0);
+   ASSERT_GE(closedFd, 0);
+   ::close(closedFd);
+   EXPECT_THAT(assertionText([&] { watcher.control->setFd(closedFd); }), HasSubstr("flags >= 0"));
+   EXPECT_EQ(watcher.control->getFd(), -1);
+}
+
+TEST(FdControlTest, UnwatchableDescriptorIsTracedAndDoesNotHang) {
+   char path[] = "/tmp/korvoFdControlXXXXXX";
+   const int fd = ::mkstemp(path);
+   ASSERT_GE(fd, 0);
+   ::unlink(path);
+   FdWatcher watcher;
+   {
+      KorvoTest::TraceCapture traces("1");
+      watcher.control->setFd(fd);  // epoll takes no regular files
+      EXPECT_THAT(traces.text(), HasSubstr("cannot watch fd " + std::to_string(fd)));
+   }
+   Korvo::Platform::doEventLoop();  // nothing registered: returns at once
+   EXPECT_TRUE(watcher.readFds.empty());
+   watcher.control->delFd();
+   ::close(fd);
+}
+
+TEST(FdControlDeathTest, ClosedDescriptorAbortsByDefault) {
+   FdWatcher watcher;
+   EXPECT_DEATH(watcher.control->setFd(-1), "Korvo::Assert aborting because: .*flags >= 0");
+}
+
+// ---- Controls trace their operations at level 9.
+
+TEST(ControlTraceTest, OperationsNameClassMethodLineAndAddress) {
+   Timer timer;
+   Callback cb;
+   std::string text;
+   {
+      KorvoTest::TraceCapture traces;
+      timer.control->setTimeout(0.5);
+      timer.control->delTimeout();
+      cb.control->requestCallback();
+      Korvo::Platform::doEventLoop();
+      text = traces.text();
+   }
+   EXPECT_THAT(text, testing::ContainsRegex(
+                         "9 LibeventTimerControl::setTimeout:[0-9]+ Timer 0x[0-9a-f]{16} set "
+                         "timeout 0.5\n"));
+   EXPECT_THAT(text, testing::ContainsRegex(
+                         "9 LibeventTimerControl::delTimeout:[0-9]+ Timer 0x[0-9a-f]{16} del "
+                         "timeout\n"));
+   EXPECT_THAT(text, testing::ContainsRegex("9 LibeventCallbackControl::requestCallback:[0-9]+ "
+                                            "Callback 0x[0-9a-f]{16} request\n"));
+   EXPECT_THAT(text, testing::ContainsRegex("9 LibeventTimerControl::handleExpiry:[0-9]+ Timer "
+                                            "0x[0-9a-f]{16} expired\n"));
+   EXPECT_THAT(text, testing::ContainsRegex("9 LibeventCallbackControl::timeout:[0-9]+ Callback "
+                                            "0x[0-9a-f]{16} execute\n"));
+}
+
+// ---- Value printer.
+
+TEST(ValuePrinterTest, UsesTheRegisteredPrinterElseTheHexDump) {
+   const unsigned char bytes[] = {0xde, 0xad, 0xbe, 0xef, 0x01};
+   auto printer = Korvo::Platform::getValuePrinter("KorvoTest::Opaque", 4);
+   EXPECT_EQ(printer->typeName(), "KorvoTest::Opaque");
+   EXPECT_EQ(printer->size(), 4);
+   EXPECT_EQ(printer->toString(bytes), "de ad be ef");  // exactly size bytes
+
+   Korvo::IntrospectionMap::printerIs("KorvoTest::Opaque", [](const void* v, int size) {
+      return "first byte " + std::to_string(*static_cast<const unsigned char*>(v)) + " of " +
+             std::to_string(size);
+   });
+   EXPECT_EQ(printer->toString(bytes), "first byte 222 of 4");
+
+   // A printer with nothing to say falls back to the dump.
+   Korvo::IntrospectionMap::printerIs("KorvoTest::Opaque",
+                                      [](const void*, int) { return std::string(); });
+   EXPECT_EQ(printer->toString(bytes), "de ad be ef");
+   Korvo::IntrospectionMap::printerIs("KorvoTest::Opaque", nullptr);
+}
+
+}  // namespace
