@@ -8,12 +8,14 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -30,11 +32,15 @@ public:
    Timer() : control(Korvo::Platform::getTimerControl(this)) {}
    void timeout() override {
       ++fired;
+      if (onTimeout) {
+         onTimeout();
+      }
       if (throws) {
          throw std::runtime_error("timer");
       }
    }
    std::shared_ptr<Korvo::Platform::TimerControl> control;
+   std::function<void()> onTimeout;
    int fired = 0;
    bool throws = false;
 };
@@ -130,6 +136,33 @@ TEST(LibeventBaseTest, RegisteringABase) {
       Korvo::leFree();  // frees the adopted base
       EXPECT_FALSE(Korvo::leInitialized());
    });
+}
+
+TEST(LibeventBaseTest, PreciseTimerSwitchMakesTimersExactByTheLibraryClock) {
+   // libevent reads EVENT_PRECISE_TIMER whenever it makes a base: a new thread's base
+   // then counts on the clock Korvo::time() reads, and no timer fires early by it.
+   // (Without it, libevent's coarse clock lets some of these fire a step early.)
+   ASSERT_EQ(::setenv("EVENT_PRECISE_TIMER", "1", 1), 0);
+   onNewThread([] {
+      std::vector<std::unique_ptr<Timer>> timers;
+      std::vector<double> armedAt;
+      for (int i = 0; i < 20; ++i) {
+         timers.push_back(std::make_unique<Timer>());
+         armedAt.push_back(Korvo::time());
+         timers.back()->control->setTimeout(0.0005 * (i + 1));
+      }
+      std::vector<double> firedAt(timers.size());
+      for (size_t i = 0; i < timers.size(); ++i) {
+         timers[i]->onTimeout = [&firedAt, i] { firedAt[i] = Korvo::time(); };
+      }
+      Korvo::Platform::doEventLoop();
+      for (size_t i = 0; i < timers.size(); ++i) {
+         EXPECT_GE(firedAt[i] - armedAt[i], 0.0005 * static_cast<double>(i + 1)) << i;
+      }
+      timers.clear();
+      Korvo::leFree();
+   });
+   ::unsetenv("EVENT_PRECISE_TIMER");
 }
 
 TEST(LibeventBaseTest, ForkReinitWithoutABaseMakesOne) {
