@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -21,17 +22,23 @@ namespace Korvo {
 
 thread_local constinit LeThreadState leState;
 
-Platform::DebugHandler& leDebug() {
-   // Made at first use and never freed: loops on other threads may trace until the
-   // process is gone, after static destructors have run.
+Platform::DebugHandler* leDebugHandler = nullptr;
+
+Platform::DebugHandler& makeLeDebug() {
+   // Made once and never freed: loops on other threads may trace until the process is
+   // gone, after static destructors have run.
    static std::shared_ptr<Platform::DebugHandler>* const handler =
        new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent"));
+   leDebugHandler = handler->get();
    return **handler;
 }
 
 namespace {
-// The channel exists from load on, so that TRACE and later level changes reach it.
-[[maybe_unused]] const bool leDebugMadeAtLoad = (leDebug(), true);
+// Right after the tracing defaults are in place, so that TRACE reaches the channel and
+// no control operation ever needs to make it.
+__attribute__((constructor(105))) void makeLeDebugAtLoad() {
+   makeLeDebug();
+}
 }  // namespace
 
 // ---- Diagnostics.
@@ -96,7 +103,11 @@ timeval timevalFromSeconds(double seconds, const char* what) {
    seconds = std::min(seconds, Platform::maxDelaySeconds);
    // Rounded, not truncated: 0.3 * 1e6 is 299999.99999999994, and a timer must not
    // fire a microsecond before the delay its caller wrote.
-   return timevalFromMicros(std::llround(seconds * 1e6));
+   const auto micros = static_cast<int64_t>(seconds * 1e6 + 0.5);
+   timeval tv;
+   tv.tv_sec = static_cast<time_t>(micros / 1000000);
+   tv.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+   return tv;
 }
 
 // ---- The thread's event base.
@@ -115,15 +126,11 @@ event_base* makeBase() {
                                                << " bytes, built against " << sizeof(event));
    event_set_fatal_callback(le_fatal_cb);
    event_set_log_callback(le_debug_cb);
-   // The precise clock is the one Korvo::time() reads (libevent's default, the coarse
-   // clock, lags it by up to a tick and would fire timers early by Korvo::time()). Without
-   // the time cache a timeout armed late in a long callback is measured from when it was
-   // armed, not from when the pass began; it costs one clock read per timeout added.
-   event_config* config = event_config_new();
-   KORVO_ASSERT(config != nullptr, "event_config_new failed");
-   event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER | EVENT_BASE_FLAG_NO_CACHE_TIME);
-   event_base* base = event_base_new_with_config(config);
-   event_config_free(config);
+   // libevent's defaults, on purpose: its precise clock (EVENT_PRECISE_TIMER) makes
+   // the epoll back-end re-arm a timerfd with a system call on every pass of the loop,
+   // which doubles the cost of a callback round trip; and its time cache saves a clock
+   // reading per timeout added. The environment still reaches libevent here.
+   event_base* base = event_base_new();
    KORVO_ASSERT(base != nullptr, "event_base_new failed");
    return base;
 }
@@ -153,6 +160,7 @@ void leFree() {
    if (leState.base == nullptr) {
       return;
    }
+   KORVO_ASSERT(!leLoopRunning(), "leFree called from inside the running event loop");
    event_base_free(leState.base);
    leState.base = nullptr;
 }
@@ -193,9 +201,10 @@ LibeventTimerControl::~LibeventTimerControl() {
 
 void LibeventTimerControl::setTimeout(double seconds) {
    const timeval delay = timevalFromSeconds(seconds, "LibeventTimerControl::setTimeout");
-   delTimeout();
    KORVO_LE_TRACE(9, "LibeventTimerControl::setTimeout",
                   "Timer " << DisplayPointer(this) << " set timeout " << seconds);
+   // No separate delete: event_add replaces a pending expiry, and also withdraws one
+   // that has fired but whose handler has not run yet, so there is never more than one.
    event_add(&event_, &delay);
 }
 

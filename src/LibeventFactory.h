@@ -19,8 +19,14 @@
 namespace Korvo {
 
 // The "KorvoLibevent" trace channel: control operations at level 9, virtual-time jumps
-// at level 2, libevent's own messages at the level of their severity.
-KORVO_EXPORT Platform::DebugHandler& leDebug();
+// at level 2, libevent's own messages at the level of their severity. Made while the
+// library loads; leDebug() is inline because every control operation tests it.
+KORVO_EXPORT Platform::DebugHandler& makeLeDebug();
+extern KORVO_EXPORT Platform::DebugHandler* leDebugHandler;
+inline Platform::DebugHandler& leDebug() {
+   Platform::DebugHandler* handler = leDebugHandler;
+   return __builtin_expect(handler != nullptr, 1) ? *handler : makeLeDebug();
+}
 
 // Per-thread state of the back-end. Trivially destructible and constant-initialised,
 // so reaching it from any of the back-end's files costs no initialisation check.
@@ -174,6 +180,9 @@ struct KORVO_EXPORT EvLoopBreak {
 // through libevent while doEventLoop runs: it is parked, the loop is broken, and the
 // loop runner rethrows it once libevent has returned. Outside our loop runners (code
 // that dispatches the base itself) the exception propagates as it is.
+// Whether one of our loop runners is dispatching on this thread.
+bool leLoopRunning();
+
 // Called in a catch handler: parks the current exception, or rethrows it when no loop
 // runner of ours is active on this thread.
 KORVO_EXPORT void parkLoopException();

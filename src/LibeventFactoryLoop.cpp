@@ -72,6 +72,10 @@ private:
 
 }  // namespace
 
+bool leLoopRunning() {
+   return loopDepth_ > 0;
+}
+
 void parkLoopException() {
    if (loopDepth_ == 0) {
       throw;

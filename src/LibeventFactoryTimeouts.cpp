@@ -9,6 +9,11 @@
 // event of a base (event_base_foreach_event), reading an event's absolute expiry
 // (event_pending), and adding an event again, which replaces its expiry. Adding is not
 // allowed during the walk, so the walks below collect first and act afterwards.
+//
+// event_pending reports an expiry as the base's monotonic time plus the base's offset
+// to the wall clock. libevent refreshes that offset every few seconds when it reads its
+// clock, and with the coarse clock it can move by a whole clock step, so two readings
+// are comparable only when no clock reading (an event_add, say) came between them.
 
 namespace Korvo {
 
@@ -16,103 +21,126 @@ namespace {
 
 void ignoreEvent(evutil_socket_t, short, void*) {}
 
+int64_t expiryOf(const event* ev) {
+   timeval expiry;
+   event_pending(ev, EV_TIMEOUT, &expiry);
+   return microsFromTimeval(expiry);
+}
+
+// A zero timeout added on the stack: libevent computes its expiry from exactly the
+// reading of its clock (cached or not) that any other event added at that moment would
+// get, so it marks "now" on the base's own scale for as long as it is pending.
+class NowMark {
+public:
+   explicit NowMark(event_base* base) {
+      event_assign(&event_, base, -1, 0, &ignoreEvent, nullptr);
+      const timeval zero{0, 0};
+      event_add(&event_, &zero);
+   }
+   ~NowMark() {
+      event_del(&event_);
+      event_debug_unassign(&event_);
+   }
+   NowMark(const NowMark&) = delete;
+   NowMark& operator=(const NowMark&) = delete;
+
+   const event* mark() const { return &event_; }
+   int64_t now() const { return expiryOf(&event_); }
+   // How far `ev` expires after the mark, free of the wall-clock offset.
+   int64_t after(const event* ev) const { return expiryOf(ev) - now(); }
+
+private:
+   event event_;
+};
+
 struct PendingTimeout {
    event* ev;
    int64_t expiry;
+};
+
+struct Walk {
+   const event* skip = nullptr;
+   std::vector<PendingTimeout> pending;
+   bool found = false;
+   int64_t earliest = 0;
 };
 
 // Timeouts of persistent events are left where they are: libevent takes a persistent
 // event's period from the time it is added with, and its public interface has no way
 // to move the expiry alone, so moving one would change its period for good (and a
 // negative remaining time would make it fire on every pass).
-bool movable(const event* ev, timeval* expiry) {
-   return (event_get_events(ev) & EV_PERSIST) == 0 && event_pending(ev, EV_TIMEOUT, expiry);
+bool movable(const Walk& walk, const event* ev, timeval* expiry) {
+   return ev != walk.skip && (event_get_events(ev) & EV_PERSIST) == 0 &&
+          event_pending(ev, EV_TIMEOUT, expiry);
 }
 
 int collectPending(const event_base*, const event* ev, void* out) {
+   auto* walk = static_cast<Walk*>(out);
    timeval expiry;
-   if (movable(ev, &expiry)) {
+   if (movable(*walk, ev, &expiry)) {
       // The walk hands out const events; adding them again afterwards is what the
       // walk's owner may do.
-      static_cast<std::vector<PendingTimeout>*>(out)->push_back(
-          {const_cast<event*>(ev), microsFromTimeval(expiry)});
+      walk->pending.push_back({const_cast<event*>(ev), microsFromTimeval(expiry)});
    }
    return 0;
 }
 
-struct Earliest {
-   bool found = false;
-   int64_t expiry = 0;
-};
-
 int findEarliest(const event_base*, const event* ev, void* out) {
+   auto* walk = static_cast<Walk*>(out);
    timeval expiry;
-   if (movable(ev, &expiry)) {
-      auto* earliest = static_cast<Earliest*>(out);
+   if (movable(*walk, ev, &expiry)) {
       const int64_t micros = microsFromTimeval(expiry);
-      if (!earliest->found || micros < earliest->expiry) {
-         earliest->found = true;
-         earliest->expiry = micros;
+      if (!walk->found || micros < walk->earliest) {
+         walk->found = true;
+         walk->earliest = micros;
       }
    }
    return 0;
+}
+
+// Adds `ev` to expire `target` after the mark. libevent only takes a remaining time,
+// measured from its own reading of the clock at the add, which may have moved on since
+// the mark was set (`advance` is our latest knowledge of how far). Reading the result
+// back against the mark shows what the add measured from; when the clock moved on, the
+// event is added again with the correction. Without this each event would land late by
+// the time spent so far, and the slips would pile up over many jumps. A precise clock
+// can tick on between two adds too, hence a few attempts; what is left after them is a
+// microsecond late, never early. Returns the advance the last add saw.
+int64_t addAfterMark(const NowMark& mark, event* ev, int64_t target, int64_t advance) {
+   for (int attempt = 0; attempt < 4; ++attempt) {
+      // Negative when the new expiry is already past: libevent then files it at its
+      // exact place in the past, ahead of later ones, rather than all at "now".
+      const int64_t left = target - advance;
+      const timeval tv = timevalFromMicros(left);
+      event_add(ev, &tv);
+      if (!event_pending(ev, EV_TIMEOUT, nullptr)) {
+         break;  // refused (a finalizing event): nothing to correct
+      }
+      const int64_t got = mark.after(ev);
+      advance = got - left;
+      if (got == target) {
+         break;
+      }
+   }
+   return advance;
 }
 
 }  // namespace
 
 void event_base_now(event_base* base, timeval* now) {
-   // libevent computes a zero timeout's expiry from exactly the reading of its clock
-   // (cached or not) that any other event added now would get, and event_pending maps
-   // it as it maps every other expiry.
-   event scratch;
-   event_assign(&scratch, base, -1, 0, &ignoreEvent, nullptr);
-   const timeval zero{0, 0};
-   event_add(&scratch, &zero);
-   event_pending(&scratch, EV_TIMEOUT, now);
-   event_del(&scratch);
-   event_debug_unassign(&scratch);
+   const NowMark mark(base);
+   *now = timevalFromMicros(mark.now());
 }
 
 int event_base_get_first_timeout(event_base* base, timeval* first) {
-   Earliest earliest;
-   event_base_foreach_event(base, &findEarliest, &earliest);
-   if (!earliest.found) {
+   Walk walk;
+   event_base_foreach_event(base, &findEarliest, &walk);
+   if (!walk.found) {
       return -1;
    }
-   *first = timevalFromMicros(earliest.expiry);
+   *first = timevalFromMicros(walk.earliest);
    return 0;
 }
-
-namespace {
-
-// Adds `ev` so that it expires at `target` and returns the base's present time as that
-// add saw it (both on the event_pending scale). libevent only takes a remaining time,
-// measured from its own reading of the clock at the add; `now` is our best guess of
-// that reading. Reading the expiry back shows what the add actually measured from; if
-// the clock moved on since the guess, the event is added once more with the
-// correction. Without this each event would land late by the time spent so far, and
-// the slip would pile up over many jumps.
-int64_t addAt(event* ev, int64_t target, int64_t now) {
-   for (int attempt = 0; attempt < 2; ++attempt) {
-      const int64_t left = target - now;
-      // Negative when the new expiry is already past: libevent then files it at its
-      // exact place in the past, ahead of later ones, rather than all at "now".
-      const timeval tv = timevalFromMicros(left);
-      event_add(ev, &tv);
-      timeval expiry;
-      if (!event_pending(ev, EV_TIMEOUT, &expiry)) {
-         break;  // refused (a finalizing event): nothing to correct
-      }
-      const int64_t seen = microsFromTimeval(expiry) - left;
-      if (seen == now) {
-         break;
-      }
-      now = seen;
-   }
-   return now;
-}
-
-}  // namespace
 
 int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
    const int64_t shift = microsFromTimeval(*delta);
@@ -122,24 +150,25 @@ int event_base_timeout_subtract_offset(event_base* base, const timeval* delta) {
    if (shift == 0) {
       return 0;
    }
-   // "Now" is read before the walk, so that it and the expiries the walk reads are
-   // mapped to the wall clock by the same offset.
-   timeval nowTv;
-   event_base_now(base, &nowTv);
-   int64_t now = microsFromTimeval(nowTv);
-
-   std::vector<PendingTimeout> pending;
-   pending.reserve(static_cast<size_t>(
+   // The mark is set before the walk, so that it and the expiries the walk reads are on
+   // the same scale, and it stays pending until every event is back, as the reference
+   // all their new expiries are measured against.
+   const NowMark mark(base);
+   Walk walk;
+   walk.skip = mark.mark();
+   walk.pending.reserve(static_cast<size_t>(
        event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED | EVENT_BASE_COUNT_ACTIVE)));
-   event_base_foreach_event(base, &collectPending, &pending);
+   event_base_foreach_event(base, &collectPending, &walk);
+   const int64_t now = mark.now();
    // In expiry order, so that equal new expiries keep their old order in the heap.
-   std::sort(pending.begin(), pending.end(),
+   std::sort(walk.pending.begin(), walk.pending.end(),
              [](const PendingTimeout& a, const PendingTimeout& b) { return a.expiry < b.expiry; });
 
-   for (const PendingTimeout& p : pending) {
-      now = addAt(p.ev, p.expiry - shift, now);
+   int64_t advance = 0;
+   for (const PendingTimeout& p : walk.pending) {
+      advance = addAfterMark(mark, p.ev, p.expiry - shift - now, advance);
    }
-   return static_cast<int>(pending.size());
+   return static_cast<int>(walk.pending.size());
 }
 
 }  // namespace Korvo

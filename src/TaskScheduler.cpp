@@ -77,14 +77,6 @@ std::ostream& operator<<(std::ostream& os, const TaskScheduler* scheduler) {
    return os << scheduler->schedulerName();
 }
 
-bool TaskScheduler::rootSuspended() const {
-   return root_->suspended();
-}
-
-void TaskScheduler::sanityCheckThread() const {
-   root_->sanityCheckCurrentRunningThread();
-}
-
 // ---------------------------------------------------------------------------------
 // Dispatch
 

@@ -10,7 +10,7 @@
 namespace Korvo {
 namespace {
 
-constexpr unsigned lastTaskEvent = 14;
+constexpr unsigned lastTaskEventType = 14;
 constexpr unsigned lastEvent = 23;
 constexpr unsigned noLimit = 4294967295u;
 
@@ -46,16 +46,17 @@ static_assert(sizeof(labels) / sizeof(labels[0]) == lastEvent + 1);
 bool eventNeedTask(TaskSchedulerEventType eventType) {
    const unsigned type = static_cast<unsigned>(eventType);
    KORVO_ASSERT(type <= lastEvent, "unexpected eventType=" << type);
-   return type <= lastTaskEvent;
+   return type <= lastTaskEventType;
 }
 
 }  // namespace
 
-TaskSchedulerHistory::Event::Event(const TaskTimePoint& time, TaskSchedulerEventType type,
-                                   const _TaskBase* task)
-    : eventType_(type), time_(time) {
-   KORVO_ASSERT(eventNeedTask(type), "EventType: " << static_cast<unsigned>(type));
-   name_ = task->taskName();
+void TaskSchedulerHistory::Event::failTaskEventType(TaskSchedulerEventType type) {
+   eventNeedTask(type);  // fails first for a value beyond every event type
+   // Reported as the constructor's failure, which is where the bad type came in.
+   Platform::DebugStream text;
+   text << "EventType: " << static_cast<unsigned>(type);
+   debugAndThrowAssertException(nullptr, 0, text, KORVO_SOURCE_FILE, "Event", __LINE__);
 }
 
 TaskSchedulerHistory::Event::Event(const TaskTimePoint& time, TaskSchedulerEventType type,

@@ -95,18 +95,6 @@ void TaskImpl::handleDestroy() {
    *static_cast<volatile uint32_t*>(&magic_) = magicDestroyed;
 }
 
-TaskSchedulerRoot* TaskImpl::root() const {
-   return taskScheduler()->root();
-}
-
-void TaskImpl::sanityCheckThread() const {
-   root()->sanityCheckCurrentRunningThread();
-}
-
-void TaskImpl::recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const {
-   taskScheduler()->history()->insert(time, type, this);
-}
-
 // ---------------------------------------------------------------------------------
 // TaskImpl: scheduling
 

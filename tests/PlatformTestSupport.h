@@ -8,11 +8,20 @@
 #include <Korvo/Platform.h>
 
 #include <gtest/gtest.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
 
 namespace KorvoTest {
+
+// One step of the clock libevent times its events with by default (the coarse
+// monotonic clock): how far a timer may fire early or late by Korvo::time().
+inline double clockStep() {
+   timespec res{};
+   clock_getres(CLOCK_MONOTONIC_COARSE, &res);
+   return static_cast<double>(res.tv_sec) + static_cast<double>(res.tv_nsec) / 1e9;
+}
 
 // Assertions throw AssertException while one of these lives.
 class ThrowOnAssert {

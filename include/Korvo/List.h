@@ -140,8 +140,9 @@ public:
 
    // An element may be on one list per link node at a time.
    static void beingLinked(const ElementType& element) {
-      KORVO_ASSERT_IN("IntrusiveLinkedListBase", !(element.*ptrToLinkNode).isLinked(),
-                      "!( element.*ptrToLinkNode ).isLinked()");
+      if (__builtin_expect((element.*ptrToLinkNode).isLinked(), 0)) {
+         failLinked();
+      }
    }
 
    void pushBack(ElementType& element) {
@@ -184,6 +185,10 @@ public:
    ConstIterator end() const { return ConstIterator(list_.cend(), list_.cend()); }
 
 protected:
+   [[noreturn]] __attribute__((noinline, cold)) static void failLinked() {
+      KORVO_FAIL_IN("IntrusiveLinkedListBase", "!( element.*ptrToLinkNode ).isLinked()");
+      __builtin_unreachable();
+   }
    static void unlinkNode(LinkNodeType& node) {
       if (node.isLinked()) {
          auto n = ValueTraits::to_node_ptr(node);

@@ -58,7 +58,8 @@ public:
 // is taken as 0 (due at once: the handler runs on the next pass of the loop, never
 // inside setTimeout()); a delay above maxDelaySeconds is clamped to it; NaN is an
 // assertion failure. The handler may re-arm, cancel or destroy its own control
-// from inside timeout().
+// from inside timeout(). How closely an expiry follows Korvo::time() depends on the
+// loop's clock (see the libevent back-end below).
 class KORVO_EXPORT TimerControl {
 public:
    virtual ~TimerControl() = default;
@@ -160,9 +161,22 @@ KORVO_EXPORT std::shared_ptr<ValuePrinter> getValuePrinter(const std::string& ty
 // code that manages the thread's event base itself.
 //
 // Each thread has its own base, made on first use by any control or loop call, with
-// libevent's precise monotonic clock (the clock Korvo::time() reads) and without its
-// time cache, so a timer is measured from the moment it is armed. A base adopted with
-// leRegisterBase() keeps whatever clock its maker chose.
+// libevent's default configuration. Timers therefore count on libevent's clock: on
+// Linux the coarse monotonic clock (steps of 1 to 4 ms, see clock_getres(2)), read once
+// per pass of the loop. By Korvo::time() a timer may so fire up to one such step early
+// or late, and one armed inside a callback counts from the start of the pass.
+// EVENT_PRECISE_TIMER=1 in the environment (libevent's own switch, read when a base is
+// made) selects the precise clock, at the cost of one more system call per pass. A
+// base adopted with leRegisterBase() keeps whatever configuration its maker chose.
+//
+// A handler exception never unwinds through libevent while one of the loop functions
+// runs: the loop is stopped and the exception rethrown once libevent has returned, so
+// the base stays usable. Code that dispatches the base itself gets the exception
+// through libevent's frames, which leaves that base marked as running.
+//
+// Under fast-forward, timeouts that other code added straight to an adopted base move
+// with the clock, except those of persistent events (EV_PERSIST with a timeout):
+// libevent cannot move them without changing their period, so they keep real time.
 
 // Makes this thread's base if it has none; installs libevent's log and fatal-error
 // callbacks (process-wide in libevent) on the way.
@@ -171,14 +185,16 @@ KORVO_EXPORT void leInit();
 // thread already has is harmless; registering a different one is an assertion failure.
 KORVO_EXPORT void leRegisterBase(event_base* base);
 // Frees this thread's base, if any, and forgets it. Every control made on this thread
-// must be destroyed first. A base is never freed behind the caller's back: a thread
+// must be destroyed first; calling it from a handler of the running loop is an
+// assertion failure. A base is never freed behind the caller's back: a thread
 // that made one and ends without leFree() leaves it allocated.
 KORVO_EXPORT void leFree();
 KORVO_EXPORT bool leInitialized();
 // This thread's base, or null before leInit()/leRegisterBase().
 KORVO_EXPORT event_base* leBase();
-// For a forked child: re-initialises the inherited base (its registered events carry
-// over to the child's own kernel state), or makes one if there is none.
+// For a forked child (Platform::isForkedChild()), before it uses the loop: re-initialises
+// the inherited base, whose registered events carry over to the child's own kernel state
+// without touching the parent's, or makes one if there is none.
 KORVO_EXPORT void leForkReinit();
 
 KORVO_EXPORT void doLeEventLoop();

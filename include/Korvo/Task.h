@@ -212,7 +212,7 @@ public:
    void taskShouldYieldModeReevaluate();
 
 protected:
-   void recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const;
+   inline void recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const;
 
 private:
    friend class TaskScheduler;
@@ -223,8 +223,9 @@ private:
 
    void handleInitialized();
    void unscheduleTaskPrivate(const TaskTimePoint& now);
-   void sanityCheckThread() const;
-   TaskSchedulerRoot* root() const;
+   // Defined in Korvo/TaskScheduler.h, where schedulers are complete.
+   inline void sanityCheckThread() const;
+   inline TaskSchedulerRoot* root() const;
    void accountRun(TaskDuration elapsed);
    void clearStatsFields();
    [[noreturn]] static void failMagic(const void* task, uint32_t magic);
@@ -273,6 +274,19 @@ public:
    void taskRunFromTest() override { TaskImpl::taskRunFromTest(); }
    TaskStat::TaskStatus taskStatus() const override { return TaskImpl::taskStatus(); }
 };
+
+inline TaskSchedulerHistory::Event::Event(const TaskTimePoint& time, TaskSchedulerEventType type,
+                                          const _TaskBase* task)
+    : eventType_(type), time_(time), name_(task->taskName()) {
+   if (__builtin_expect(static_cast<unsigned>(type) > lastTaskEvent, 0)) {
+      failTaskEventType(type);
+   }
+}
+
+inline void TaskSchedulerHistory::insert(const TaskTimePoint& time, TaskSchedulerEventType type,
+                                         const _TaskBase* task) {
+   events_.push_front(Event(time, type, task));
+}
 
 }  // namespace Korvo
 

@@ -126,7 +126,9 @@ public:
 
    // One dispatch: runs at most one task and, after a task ran, requests the next
    // run. While the root is suspended it runs nothing. An exception from the task's
-   // taskExecute() passes out of here; no further run is requested by this dispatch.
+   // taskExecute() passes out of here (and out of doEventLoop()) with the task off
+   // its queue; no further run is requested, so a caller that carries on calls
+   // requestSchedulerRun() to resume the queued work.
    void handleSchedulerRun();
    // Picks and unlinks the next task from priority `from` down, or null.
    TaskImpl* pickOneTask(const TaskTimePoint& now, TaskPriority from);
@@ -215,8 +217,8 @@ private:
    void handleResetStatsTaskRun();
    void enqueue(TaskImpl* task, const TaskTimePoint& now);
    void dequeueUnscheduled(TaskImpl* task);
-   bool rootSuspended() const;
-   void sanityCheckThread() const;
+   inline bool rootSuspended() const;
+   inline void sanityCheckThread() const;
 
    // First, so that it is destroyed after every name handle below.
    std::shared_ptr<TaskSchedulerHistory> history_;
@@ -337,6 +339,23 @@ KORVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKorvo();
 // A new root that is not installed as the thread's root.
 KORVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKorvoNonShared(
     const std::string& name);
+
+// The hot helpers of scheduling and dispatch, inline now that every class is complete.
+inline bool TaskScheduler::rootSuspended() const {
+   return root_->suspended();
+}
+inline void TaskScheduler::sanityCheckThread() const {
+   root_->sanityCheckCurrentRunningThread();
+}
+inline TaskSchedulerRoot* TaskImpl::root() const {
+   return taskScheduler()->root();
+}
+inline void TaskImpl::sanityCheckThread() const {
+   root()->sanityCheckCurrentRunningThread();
+}
+inline void TaskImpl::recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const {
+   taskScheduler()->history()->insert(time, type, this);
+}
 
 }  // namespace Korvo
 

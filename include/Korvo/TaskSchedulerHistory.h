@@ -61,8 +61,9 @@ public:
    class KORVO_EXPORT Event {
    public:
       Event() = default;
-      // A task event (types 0 to 14); other types are assertion failures.
-      Event(const TaskTimePoint& time, TaskSchedulerEventType type, const _TaskBase* task);
+      // A task event (types 0 to 14); other types are assertion failures. Defined in
+      // Korvo/Task.h, where tasks are complete.
+      inline Event(const TaskTimePoint& time, TaskSchedulerEventType type, const _TaskBase* task);
       // A scheduler event (types 15 to 23); other types are assertion failures.
       Event(const TaskTimePoint& time, TaskSchedulerEventType type, const TaskScheduler* scheduler);
 
@@ -73,6 +74,9 @@ public:
       std::string display() const;
 
    private:
+      static constexpr unsigned lastTaskEvent = 14;
+      [[noreturn]] static void failTaskEventType(TaskSchedulerEventType type);
+
       TaskSchedulerEventType eventType_ = TaskSchedulerEventType::schedule;
       TaskTimePoint time_;
       ConstStringRef name_;
@@ -80,10 +84,10 @@ public:
 
    explicit TaskSchedulerHistory(unsigned int entryCount);
 
-   // Pushes an event at the front, dropping the oldest when full.
-   void insert(const TaskTimePoint& time, TaskSchedulerEventType type, const _TaskBase* task) {
-      events_.push_front(Event(time, type, task));
-   }
+   // Pushes an event at the front, dropping the oldest when full. The task form is
+   // defined in Korvo/Task.h.
+   inline void insert(const TaskTimePoint& time, TaskSchedulerEventType type,
+                      const _TaskBase* task);
    void insert(const TaskTimePoint& time, TaskSchedulerEventType type,
                const TaskScheduler* scheduler) {
       events_.push_front(Event(time, type, scheduler));
