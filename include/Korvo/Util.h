@@ -60,9 +60,10 @@ KORVO_EXPORT int trimpath(const std::string& absolute, const std::string& traili
 KORVO_EXPORT void fileWrite(DebugHandler& h, const std::string& path, const std::string& data,
                             bool noThrow = false);
 
-// The whole contents of `path`; "" when it cannot be opened. With
-// `stripNewline`, one trailing "\n" is removed (handy for one-line files such as
-// those under /proc/sys).
+// The whole contents of `path`, any bytes; "" when it cannot be opened or read
+// (a directory, say), traced at level 5. Files that report size 0, as those
+// under /proc do, are read whole. With `stripNewline`, one trailing "\n" is
+// removed (handy for one-line files such as those under /proc/sys).
 KORVO_EXPORT std::string fileRead(DebugHandler& h, const std::string& path,
                                   bool stripNewline = false);
 
