@@ -119,7 +119,8 @@ void DebugHandler::enabledIs(unsigned level, bool on) {
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
                         const char* func) const {
-   const std::string text = stream.str();
+   // A view of the stream's buffer: no copy of the message.
+   const std::string_view text = stream.view();
    Platform::dumpDebugMsg(text.data(), text.size(), level,
                           static_cast<const Platform::DebugHandler*>(this), file, func, line);
 }
@@ -482,40 +483,75 @@ const tm* localTime(time_t seconds) {
 
 // The line prefix. A missing file or function name with its field on stops the
 // prefix there, as a failed stream would.
+// Appends text, or a number in decimal, then one blank. The prefix is built on
+// every enabled line, so it avoids parsing format strings.
+struct PrefixWriter {
+   fmt::memory_buffer& out;
+   void text(std::string_view s) { out.append(s.data(), s.data() + s.size()); }
+   void number(long value) {
+      const fmt::format_int digits(value);
+      out.append(digits.data(), digits.data() + digits.size());
+   }
+   void twoDigits(int value) {
+      const char digits[2] = {static_cast<char>('0' + value / 10),
+                              static_cast<char>('0' + value % 10)};
+      out.append(digits, digits + 2);
+   }
+   void field(std::string_view s) {
+      text(s);
+      text(" ");
+   }
+   void field(long value) {
+      number(value);
+      text(" ");
+   }
+};
+
 void buildPrefix(fmt::memory_buffer& out, uint32_t level, const DebugHandler* handler,
                  const char* file, const char* func, int line) {
    using Nyx::DebugControl;
-   auto add = [&out](const auto& value) { fmt::format_to(std::back_inserter(out), "{} ", value); };
+   PrefixWriter w{out};
    timeval now;
    gettimeofday(&now, nullptr);
    const tm* local = localTime(now.tv_sec);
    // The same text as strftime's "%Y-%m-%d " and "%H:%M:%S", without its cost.
    if (DebugControl::showDate_ && local) {
-      fmt::format_to(std::back_inserter(out), "{:04}-{:02}-{:02} ", local->tm_year + 1900,
-                     local->tm_mon + 1, local->tm_mday);
+      w.number(local->tm_year + 1900);
+      w.text("-");
+      w.twoDigits(local->tm_mon + 1);
+      w.text("-");
+      w.twoDigits(local->tm_mday);
+      w.text(" ");
    }
    if (DebugControl::showTime_ && local) {
+      w.twoDigits(local->tm_hour);
+      w.text(":");
+      w.twoDigits(local->tm_min);
+      w.text(":");
+      w.twoDigits(local->tm_sec);
       // Microseconds without leading zeros: 12:00:01 and 5000 us is 12:00:01.5000.
-      fmt::format_to(std::back_inserter(out), "{:02}:{:02}:{:02}.{} ", local->tm_hour,
-                     local->tm_min, local->tm_sec, now.tv_usec);
+      w.text(".");
+      w.field(now.tv_usec);
    }
    if (DebugControl::showPid_)
-      add(::getpid());
+      w.field(::getpid());
    if (DebugControl::showTid_)
-      add(Korvo::gettid());
+      w.field(Korvo::gettid());
    if (DebugControl::showHandleName_)
-      add(handler ? handler->name : std::string());
+      w.field(handler ? std::string_view(handler->name) : "");
    if (DebugControl::showLevel_)
-      add(level);
+      w.field(static_cast<long>(level));
    if (DebugControl::showLineInfo_) {
       if (file == nullptr)
          return;
-      fmt::format_to(std::back_inserter(out), "{}:{} ", lastPathComponent(file), line);
+      w.text(lastPathComponent(file));
+      w.text(":");
+      w.field(line);
    }
    if (DebugControl::showFuncName_) {
       if (func == nullptr)
          return;
-      add(func);
+      w.field(func);
    }
 }
 
