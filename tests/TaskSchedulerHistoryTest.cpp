@@ -17,7 +17,7 @@ using ::testing::HasSubstr;
 namespace {
 
 class HistoryTest : public SchedulerFixture {
- protected:
+protected:
    std::string printed(unsigned limit) {
       std::ostringstream os;
       root_->printHistory(os, limit);
@@ -60,8 +60,9 @@ TEST_F(HistoryTest, PrintShowsEventsNewestFirstInTheExactLayout) {
 
 TEST_F(HistoryTest, LimitsAndTruncation) {
    root_->clearHistory();
-   EXPECT_EQ(printed(0), "Last 0 scheduler events, absolute timestamp and relative to last event\n" +
-                             std::string(70, '-') + "\n\n");
+   EXPECT_EQ(printed(0),
+             "Last 0 scheduler events, absolute timestamp and relative to last event\n" +
+                 std::string(70, '-') + "\n\n");
    EXPECT_EQ(printed(4294967295u), title + "\n");  // empty history
 
    auto t = makeTask(TaskPriority::low, "t");
@@ -128,12 +129,14 @@ TEST_F(HistoryTest, EventsKeepTheirNamesAliveAndCheckTheirKind) {
                }),
                AllOf(::testing::StartsWith("TaskSchedulerCpp:Event:"), HasSubstr("EventType: 15")));
    EXPECT_THAT(assertionText([&] {
-                  TaskSchedulerHistory::Event(FakeClock::now(), TaskSchedulerEventType(24), u.get());
+                  TaskSchedulerHistory::Event(FakeClock::now(), TaskSchedulerEventType(24),
+                                              u.get());
                }),
                AllOf(HasSubstr("eventNeedTask"), HasSubstr("unexpected eventType=24")));
    EXPECT_THAT(assertionText([&] {
-                  TaskSchedulerHistory::Event(FakeClock::now(), TaskSchedulerEventType::busy,
-                                              static_cast<const Korvo::TaskScheduler*>(sched_.get()));
+                  TaskSchedulerHistory::Event(
+                      FakeClock::now(), TaskSchedulerEventType::busy,
+                      static_cast<const Korvo::TaskScheduler*>(sched_.get()));
                }),
                HasSubstr("EventType: 12"));
 }
