@@ -50,6 +50,23 @@ void appendLevels(std::string& out, uint32_t levels) {
    }
 }
 
+// name, a marker ("+" fixed, "*" wildcard), "/", then "*" for all ten levels or
+// the digits of the enabled ones.
+std::string displayText(const std::string& name, const char* marker, uint32_t levels) {
+   std::string out = name + marker + "/";
+   appendLevels(out, levels);
+   return out;
+}
+
+// A title line, then one indented line per entry, in the map's order.
+template <typename Map>
+void printEntries(const char* title, const Map& entries) {
+   std::cout << title << std::endl;
+   for (const auto& [key, entry] : entries) {
+      std::cout << "    " << entry->displayString() << std::endl;
+   }
+}
+
 // Every live handler whose name passes `match`; the lock must be held.
 template <typename Match>
 std::vector<DebugHandler*> handlersWhere(Match match) {
@@ -126,22 +143,13 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const cha
 }
 
 std::string DebugHandler::displayString() const {
-   std::string out = name;
-   if (levelsFixed) {
-      out += '+';
-   }
-   out += '/';
-   appendLevels(out, levels);
-   return out;
+   return displayText(name, levelsFixed ? "+" : "", levels);
 }
 
 void DebugHandler::printAll() {
    Platform::LocoGuard guard;
    initialize();
-   std::cout << "Handlers:" << std::endl;
-   for (auto& [name, handler] : *handlerMap_) {
-      std::cout << "    " << handler->displayString() << std::endl;
-   }
+   printEntries("Handlers:", *handlerMap_);
 }
 
 DebugControl::DebugControl(const std::string& name, int levels, bool wildcard)
@@ -350,26 +358,14 @@ void DebugControl::clear(const std::string& name, const std::string& levels) {
 }
 
 std::string DebugControl::displayString() const {
-   std::string out = name_;
-   if (wildcard_) {
-      out += '*';
-   }
-   out += '/';
-   appendLevels(out, levels_);
-   return out;
+   return displayText(name_, wildcard_ ? "*" : "", levels_);
 }
 
 void DebugControl::printAll() {
    Platform::LocoGuard guard;
    initialize();
-   std::cout << "Specific:" << std::endl;
-   for (auto& [name, control] : *debugsMap_) {
-      std::cout << "    " << control->displayString() << std::endl;
-   }
-   std::cout << "Wildcard:" << std::endl;
-   for (auto& [prefix, control] : *wildCardDebugsMap_) {
-      std::cout << "    " << control->displayString() << std::endl;
-   }
+   printEntries("Specific:", *debugsMap_);
+   printEntries("Wildcard:", *wildCardDebugsMap_);
 }
 
 }  // namespace Nyx

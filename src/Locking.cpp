@@ -24,11 +24,22 @@ void initMutex(pthread_mutex_t& mutex, int kind) {
    pthread_mutexattr_destroy(&attr);
 }
 
-void lockOrThrow(pthread_mutex_t& mutex) {
+// Both lock classes record the owner after taking the mutex and clear it
+// before releasing it.
+void lockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
    const int rc = pthread_mutex_lock(&mutex);
    if (rc != 0) {
       throw std::system_error(rc, std::generic_category());
    }
+   owner = pthread_self();
+}
+
+bool tryLockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
+   if (pthread_mutex_trylock(&mutex) != 0) {
+      return false;
+   }
+   owner = pthread_self();
+   return true;
 }
 
 }  // namespace
@@ -42,16 +53,11 @@ Lock::~Lock() {
 }
 
 void Lock::lock() {
-   lockOrThrow(mutex_);
-   owner_ = pthread_self();
+   lockRecordingOwner(mutex_, owner_);
 }
 
 bool Lock::try_lock() {
-   if (pthread_mutex_trylock(&mutex_) != 0) {
-      return false;
-   }
-   owner_ = pthread_self();
-   return true;
+   return tryLockRecordingOwner(mutex_, owner_);
 }
 
 bool Lock::owns_lock() const {
@@ -78,16 +84,11 @@ RecursiveLock::~RecursiveLock() {
 }
 
 void RecursiveLock::lock() {
-   lockOrThrow(mutex_);
-   owner_ = pthread_self();
+   lockRecordingOwner(mutex_, owner_);
 }
 
 bool RecursiveLock::try_lock() {
-   if (pthread_mutex_trylock(&mutex_) != 0) {
-      return false;
-   }
-   owner_ = pthread_self();
-   return true;
+   return tryLockRecordingOwner(mutex_, owner_);
 }
 
 bool RecursiveLock::owns_lock() const {
