@@ -27,6 +27,7 @@
 #include <Korvo/TaskStat.h>
 #include <Korvo/Thread.h>
 #include <Korvo/Timeouts.h>
+#include <Korvo/TimerTask.h>
 #include <Korvo/TimerWheel.h>
 #include <Korvo/Util.h>
 

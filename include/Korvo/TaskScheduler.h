@@ -325,7 +325,11 @@ public:
    void taskShouldYieldModeReevaluate();
 
    // 0 to 100 from the root's own generator; the same sequence in every run.
+   // Timer-task jitter draws from it too.
    int randomPercent();
+   // The generator's state (rand_r), 0 at construction.
+   unsigned int randomSeed() const { return randomSeed_; }
+   void randomSeedIs(unsigned int seed) { randomSeed_ = seed; }
 
    TaskScheduler* findSchedulerForTest(const std::string& name) const;
    // Registered tasks of all registered schedulers, bookmarks not counted.
