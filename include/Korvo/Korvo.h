@@ -21,6 +21,7 @@
 #include <Korvo/Plugin.h>
 #include <Korvo/Random.h>
 #include <Korvo/Task.h>
+#include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 #include <Korvo/TaskSchedulerHistory.h>
 #include <Korvo/TaskStat.h>
