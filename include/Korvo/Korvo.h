@@ -23,6 +23,7 @@
 #include <Korvo/Random.h>
 #include <Korvo/Task.h>
 #include <Korvo/TaskControl.h>
+#include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 #include <Korvo/TaskSchedulerHistory.h>
 #include <Korvo/TaskStat.h>

@@ -221,6 +221,9 @@ public:
 protected:
    // Destroys the reset-statistics task while the scheduler is still whole.
    void resetStatsTaskRelease();
+   // True while the scheduler's own reset-statistics task registers (taskRegister()
+   // overrides may exempt it from their rules).
+   bool resetStatsTaskRegistering() const { return resetStatsTaskRegistering_; }
 
 private:
    friend class TaskImpl;
@@ -251,6 +254,7 @@ private:
    std::shared_ptr<ResetStatsTask> resetStatsTask_;
    RegisteredList::Bookmark resetStatsBookmark_;
    bool resetStatsInProgress_ = false;
+   bool resetStatsTaskRegistering_ = false;
 };
 
 // The scheduler's name.
