@@ -248,7 +248,7 @@ void TimerWheel::moveExpiredToExpiringSoon() {
    while (struct timeout* record = timeouts_get(wheel_)) {
       TimerWheelEvent* event = TimerWheelEvent::timeoutLink2TimerWheelEvent(record);
       event->stateIs(TimerWheelState::notLinked);
-      timersExpiringSoon_[event->expirationTime_].pushBack(event);
+      expiringSoonAt(event->expirationTime_).pushBack(event);
    }
 }
 
@@ -265,7 +265,7 @@ void TimerWheel::runDueExpiringSoon(double now) {
          return;
       }
       if (first->second.empty()) {
-         timersExpiringSoon_.erase(first);
+         eraseFirstExpiringSoon();
          continue;
       }
       timerExpired(first->second.popFront());
@@ -291,8 +291,26 @@ void TimerWheel::timeout() {
 
 void TimerWheel::dropEmptyExpiringSoon() {
    while (!timersExpiringSoon_.empty() && timersExpiringSoon_.begin()->second.empty()) {
-      timersExpiringSoon_.erase(timersExpiringSoon_.begin());
+      eraseFirstExpiringSoon();
    }
+}
+
+TimersAtTimeout& TimerWheel::expiringSoonAt(double expiry) {
+   const auto at = timersExpiringSoon_.lower_bound(expiry);
+   if (at != timersExpiringSoon_.end() && at->first == expiry) {
+      return at->second;
+   }
+   if (spareEntries_.empty()) {
+      return timersExpiringSoon_.try_emplace(at, expiry)->second;
+   }
+   ExpiringSoon::node_type node = std::move(spareEntries_.back());
+   spareEntries_.pop_back();
+   node.key() = expiry;
+   return timersExpiringSoon_.insert(at, std::move(node))->second;
+}
+
+void TimerWheel::eraseFirstExpiringSoon() {
+   spareEntries_.push_back(timersExpiringSoon_.extract(timersExpiringSoon_.begin()));
 }
 
 void TimerWheel::setMasterTimer() {

@@ -30,6 +30,7 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <vector>
 
 namespace Korvo {
 
@@ -139,12 +140,19 @@ private:
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
+   TimersAtTimeout& expiringSoonAt(double expiry);
+   void eraseFirstExpiringSoon();
+
+   using ExpiringSoon = std::map<double, TimersAtTimeout>;
 
    int error_;
    double masterExpiry_;
    std::shared_ptr<Platform::TimerControl> masterTimer_;
    struct timeouts* wheel_;
-   std::map<double, TimersAtTimeout> timersExpiringSoon_;
+   ExpiringSoon timersExpiringSoon_;
+   // Nodes of erased entries, reused for new ones: the map allocates only beyond
+   // the most distinct expiry times it ever held at once.
+   std::vector<ExpiringSoon::node_type> spareEntries_;
 };
 
 // The wheel of this thread (thread-local singletons) or of the process.
