@@ -137,6 +137,8 @@ public:
 
 private:
    void timeout() override;
+   // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
+   void unlink(TimerWheelEvent* event);
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
