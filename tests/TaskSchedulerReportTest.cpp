@@ -2,6 +2,7 @@
 
 #include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
+#include <Korvo/TimerTask.h>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,11 @@ using namespace KorvoTest;
 using Korvo::TaskPriority;
 
 namespace {
+
+struct Timer : Korvo::TimerTask {
+   using TimerTask::TimerTask;
+   void taskExecute() override {}
+};
 
 class ReportTest : public SchedulerFixture {
 protected:
@@ -80,6 +86,9 @@ TEST_F(ReportTest, GoldenReport) {
       drainRoot();
    }
    rootTask(TaskPriority::high, "oneshot");
+   auto armed = Korvo::makeShared<Timer>(root_, TaskPriority::low, "retry");
+   armed->scheduleTaskDelay(10.0);
+   auto unarmed = Korvo::makeShared<Timer>(root_, TaskPriority::normal, "expire");
    paused->taskSuspendedIs(true);
    std::ostringstream report;
    auto reporter = rootTask(TaskPriority::normal, "report", [&](LambdaTask&) {
@@ -91,8 +100,8 @@ TEST_F(ReportTest, GoldenReport) {
    (void)idle;
    EXPECT_EQ(report.str(), R"report(Priority RunnableCount     IdleCount DeadCount   TotalRunCount
 high                 0             3         1              10
-normal               0             4         2              18
-low                  0             3         0               5
+normal               0             5         2              18
+low                  0             4         0               5
 scavenge             1             0         0               0
 Maximum scheduler slip 0.004000 seconds
 SP                = Task status and priority % two characters:
@@ -121,9 +130,11 @@ flows;tx              l          3         0.003  0.012   0.012    0    0     1 
 poll                  h          3         0.003  0.003   0.003    0    0     1          9      3.0      3         0          0
 other;sync            h          1         0.002  0.000   0.000    0    0     2          1      1.0      1         0          0
 audit                 S          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+expire               tn          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 idle                  l          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 paused               Sn          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 report               *n          1         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+retry                Tl          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 TaskName (completed) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Dead Total/DecayA/Max-WorkCount Last/Max-WorkPending
 -------------------- -- ---------- ------------- ------ ------- ---- ---- ----- ---- ---------- -------- ------ --------- ----------
 worker                n          2         0.010  0.000   0.000    0    0     5    2          4      4.0      2         2          1
