@@ -10,6 +10,7 @@
 #include <Korvo/DirNode.h>
 #include <Korvo/Exception.h>
 #include <Korvo/Export.h>
+#include <Korvo/FileDescriptorTask.h>
 #include <Korvo/FileLock.h>
 #include <Korvo/Hash.h>
 #include <Korvo/IntrospectionMap.h>
@@ -21,6 +22,7 @@
 #include <Korvo/Plugin.h>
 #include <Korvo/Random.h>
 #include <Korvo/Task.h>
+#include <Korvo/TaskControl.h>
 #include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 #include <Korvo/TaskSchedulerHistory.h>
