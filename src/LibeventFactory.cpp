@@ -221,10 +221,15 @@ void leFree() {
 
 // ---- Controls' thread.
 
-LeOwner::LeOwner() : base_(leBaseShare()), tid_(gettid()) {}
+LeOwner::LeOwner() : base_(leBaseShare()), tid_(gettid()), pid_(::getpid()) {}
 
 void LeOwner::failWrongThread(const char* operation) const {
    if (__atomic_load_n(&auxThreadCount, __ATOMIC_RELAXED) != 0) {
+      return;
+   }
+   // A forked child goes on using its parent's structures in its single thread, as the
+   // scheduler's own check allows.
+   if (::getpid() != pid_) {
       return;
    }
    KORVO_FAIL("Executing in wrong thread " << threadName() << "(" << gettid() << ") pid "

@@ -65,11 +65,13 @@ public:
    }
 
 private:
-   // Fails "Executing in wrong thread ..." unless auxThreadCount is non-zero.
+   // Fails "Executing in wrong thread ..." unless auxThreadCount is non-zero or this
+   // is a forked child.
    [[gnu::cold, gnu::noinline]] void failWrongThread(const char* operation) const;
 
    std::shared_ptr<event_base> base_;
    pid_t tid_;
+   pid_t pid_;
 };
 
 // libevent's log callback: "libevent: " and the message on leDebug(), at level 9, 5, 1
