@@ -116,6 +116,15 @@ public:
 
    // Whether a spread-out statistics reset is still walking.
    virtual bool resetStatsInProgress() const { return resetStatsInProgress_; }
+   // The statistics report of this scheduler's tasks (see printStatsImpl() in
+   // Korvo/TaskStat.h for the layout and an example): the dead table only with
+   // `includeDead`; `skipNoRuns` leaves out live tasks that never ran; the name column
+   // is at least `nameWidthMin` wide; at most `liveLimit`/`deadLimit` rows
+   // (4294967295: all). Costs O(n log n) in the tasks and dead names, with no
+   // effect on them.
+   virtual void printStats(std::ostream& os, bool includeDead, bool skipNoRuns,
+                           unsigned int nameWidthMin, unsigned int liveLimit,
+                           unsigned int deadLimit) const;
    // Asks whoever drives this scheduler for one handleSchedulerRun().
    virtual void requestSchedulerRun() = 0;
    // Called when the set of tasks under forced test yielding turns non-empty or empty.
@@ -181,6 +190,9 @@ public:
    void clearStats();
    void resetStats();
    void clearStatsCommon();
+   // Per priority that has had tasks: runnable, idle and dead tasks, runs since the
+   // last clear.
+   TaskSchedulerQueueStats queueStats() const;
    // Appends one record per live task (bookmarks skipped); `clear` empties the vector
    // first, so a caller can gather several schedulers into one vector.
    void getTaskStats(std::vector<TaskStat>* out, bool clear) const;
@@ -254,7 +266,17 @@ public:
    // A new root, not installed as the thread's root.
    static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(const std::string& name);
 
+   // True while any registered scheduler is walking a statistics reset.
    bool resetStatsInProgress() const override;
+   // The report over the root and every registered scheduler (task groups): queue
+   // counts summed, the largest slip, all live and dead records in one table each.
+   void printStats(std::ostream& os, bool includeDead, bool skipNoRuns, unsigned int nameWidthMin,
+                   unsigned int liveLimit, unsigned int deadLimit) const override;
+   // printStats(std::cerr, true, false, 20, 4294967295, 4294967295): every row, both
+   // tables aligned.
+   void printStatsStdErr() const;
+   // queueStats() summed over the root and its registered schedulers.
+   TaskSchedulerQueueStats queueStatsRoot() const;
    // One event-loop callback; requests made while one is pending give one callback.
    void requestSchedulerRun() override;
    void handleTaskForceYieldInTest() override {}

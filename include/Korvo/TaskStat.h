@@ -9,8 +9,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace Korvo {
 
@@ -222,6 +224,120 @@ private:
    uint32_t deadCount_ = 0;
    TaskStatus status_;
 };
+
+// ---------------------------------------------------------------------------------
+// The statistics report
+//
+// printStatsImpl() writes the text report that a daemon prints on request
+// (TaskScheduler::printStats() and TaskSchedulerRoot::printStats() gather its inputs):
+// a per-priority summary, the maximum scheduler slip, a legend, the table of live
+// tasks and optionally the table of dead tasks, folded by name. Both tables are
+// sorted by total run time, largest first (ties by name, then in the given order).
+//
+// Arguments of a task table (taskSchedulerDisplay), the choices left open:
+// - `nameWidthMin`: the name column is as wide as the longest kept name, and at least
+//   this wide. 0 sizes it by the names alone; pass the same value to both tables (or
+//   at least the length of the longer title) to align the two tables and their
+//   headings. Widths count UTF-8 characters, not bytes.
+// - `skipNoRuns`: records that never ran are left out and counted in the line
+//   "Skipped N task(s) with no runs". The report passes its `skipNoRuns` to the live
+//   table only: a dead record of a task that never ran still tells that it died.
+// - `limit`: at most this many rows (the largest by run time); 4294967295 keeps all.
+//   The rest is counted in "Truncated N task(s) due to requested limit". 0 prints
+//   the heading alone.
+// The dash line under the heading has one group per printed field, as wide as the
+// field (so the two numbers of "Last/Max-Delay" and the five work columns each get
+// their own group), separated by blanks. A value that needs more room than its
+// column widens its row only; nothing is cut. A mark that holds no value yet is
+// printed as "-".
+//
+// An example: TaskSchedulerRoot::printStats(os, true, false, 20, 4294967295, 4294967295)
+// from inside the task "report". Table lines are longer than shown here: each is
+// one line, broken below after "MaxMs" (the rest follows indented).
+//
+// Priority RunnableCount     IdleCount DeadCount   TotalRunCount
+// high                 0             2         1               4
+// normal               0             3         2               6
+// low                  0             2         0               2
+// scavenge             1             0         0               0
+// Maximum scheduler slip 0.003000 seconds
+// SP                = Task status and priority % two characters:
+//    first            T/t for active/idle timers, * for running task or blank
+// ... (thirteen more legend lines, then an empty line)
+// TaskName             SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs
+//       Total/DecayA/Max-WorkCount Last/Max-WorkPending
+// -------------------- -- ---------- ------------- ------ ------- ---- ---- -----
+//       ---------- -------- ------ --------- ----------
+// compact               l          2         0.155  0.016   0.016    1    1   110
+//                0      0.0      -         0          -
+// flush                 n          3         0.036  0.004   0.004    0    0    12
+//              120     25.8     60         4          6
+// audit                 S          0         0.000  0.000   0.000    0    0     0
+//                0      0.0      -         0          -
+// report               *n          1         0.000  0.000   0.000    0    0     0
+//                0      0.0      -         0          -
+// TaskName (completed) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs
+//       Dead Total/DecayA/Max-WorkCount Last/Max-WorkPending
+// -------------------- -- ---------- ------------- ------ ------- ---- ---- -----
+//       ---- ---------- -------- ------ --------- ----------
+// worker                n          2         0.010  0.000   0.000    0    0     5
+//          2          4      4.0      2         2          1
+//
+// "compact" ran twice, once over 200% and once over 500% of its quantum, and is
+// idle; "audit" is queued (upper case) at scavenge; "report" is running ("*").
+//
+// Cost: linear in the number of records apart from the sort; the formats are parsed
+// once per call. Formatting goes through Boost.Format; no exception of it escapes.
+
+// The counts of one priority.
+class KORVO_EXPORT TaskSchedulerPriorityStats {
+public:
+   TaskSchedulerPriorityStats() = default;
+   TaskSchedulerPriorityStats(uint32_t runnable, uint32_t idle, uint32_t dead, uint64_t runs)
+       : runnableCount_(runnable), idleCount_(idle), deadCount_(dead), totalRunCount_(runs) {}
+
+   // Tasks on a run queue.
+   uint32_t runnableCount() const { return runnableCount_; }
+   // Live tasks not on a run queue.
+   uint32_t idleCount() const { return idleCount_; }
+   // Tasks that died since the last statistics clear.
+   uint32_t deadCount() const { return deadCount_; }
+   // Runs since the last statistics clear.
+   uint64_t totalRunCount() const { return totalRunCount_; }
+
+   TaskSchedulerPriorityStats& operator+=(const TaskSchedulerPriorityStats& other);
+   friend bool operator==(const TaskSchedulerPriorityStats&,
+                          const TaskSchedulerPriorityStats&) = default;
+
+private:
+   uint32_t runnableCount_ = 0;
+   uint32_t idleCount_ = 0;
+   uint32_t deadCount_ = 0;
+   uint64_t totalRunCount_ = 0;
+};
+
+// The counts of every priority a scheduler has had tasks of, ordered by priority.
+class KORVO_EXPORT TaskSchedulerQueueStats
+    : public std::map<TaskPriority, TaskSchedulerPriorityStats> {
+public:
+   // Adds `other` priority by priority (priorities only in `other` are added).
+   TaskSchedulerQueueStats& operator+=(const TaskSchedulerQueueStats& other);
+};
+
+// The whole report. `dead` may be null (no dead table). The live table gets
+// (liveNameWidthMin, skipNoRuns, liveLimit), the dead table (deadNameWidthMin, false,
+// deadLimit). The vectors are not changed.
+KORVO_EXPORT void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
+                                 TaskDuration maxSlip, std::vector<TaskStat>* live,
+                                 unsigned liveNameWidthMin, std::vector<TaskStat>* dead,
+                                 unsigned deadNameWidthMin, bool skipNoRuns, unsigned liveLimit,
+                                 unsigned deadLimit);
+
+// One task table with the title over the name column; `deadTable` adds the "Dead"
+// column. Arguments as described above; `stats` is not changed.
+KORVO_EXPORT void taskSchedulerDisplay(std::ostream& os, std::vector<TaskStat>& stats,
+                                       std::string title, unsigned nameWidthMin, bool deadTable,
+                                       bool skipNoRuns, unsigned limit);
 
 }  // namespace Korvo
 

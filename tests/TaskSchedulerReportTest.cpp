@@ -1,0 +1,213 @@
+#include "TaskTestSupport.h"
+
+#include <Korvo/TaskScheduler.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+using namespace KorvoTest;
+using Korvo::TaskPriority;
+
+namespace {
+
+class ReportTest : public SchedulerFixture {
+protected:
+   std::shared_ptr<LambdaTask> rootTask(TaskPriority p, const std::string& name,
+                                        LambdaTask::Body body = {}) {
+      return Korvo::makeShared<LambdaTask>(root_, p, name, std::move(body));
+   }
+   // Runs the root until nothing is queued.
+   void drainRoot() {
+      while (root_->runnableTaskCount() != 0) {
+         root_->handleSchedulerRun();
+      }
+   }
+};
+
+}  // namespace
+
+TEST_F(ReportTest, GoldenReport) {
+   auto busyFor = [](Korvo::TaskDuration d, unsigned long work, unsigned pending) {
+      return [=](LambdaTask& t) {
+         FakeClock::advance(d);
+         t.taskWorkCountInc(work);
+         t.taskWorkPendingIs(pending);
+      };
+   };
+   auto poll = rootTask(TaskPriority::high, "poll", busyFor(1ms, 3, 0));
+   auto flush = rootTask(TaskPriority::normal, "flush", [](LambdaTask& t) {
+      FakeClock::advance(12ms);
+      t.taskWorkCountInc(20 * t.runs);  // 20, 40, 60: the average trails
+      t.taskWorkPendingIs(7 - t.runs);
+   });
+   auto compact = rootTask(TaskPriority::low, "compact", [](LambdaTask& t) {
+      FakeClock::advance(t.runs == 1 ? 45ms : 110ms);  // 200% and 500% of the quantum
+   });
+   auto audit = rootTask(TaskPriority::scavenge, "audit");
+   auto idle = rootTask(TaskPriority::low, "idle");
+   auto paused = rootTask(TaskPriority::normal, "paused");
+   auto other = makeTask(TaskPriority::high, "other;sync", busyFor(2ms, 1, 0));
+   for (int round = 0; round < 3; ++round) {
+      poll->scheduleTask();
+      flush->scheduleTask();
+      if (round < 2) {
+         compact->scheduleTask();
+      }
+      FakeClock::advance(3ms);
+      drainRoot();
+   }
+   other->scheduleTask();
+   sched_->handleSchedulerRun();
+   for (int i = 0; i < 2; ++i) {
+      auto worker = rootTask(TaskPriority::normal, "worker", busyFor(5ms, 2, 1));
+      worker->scheduleTask();
+      drainRoot();
+   }
+   rootTask(TaskPriority::high, "oneshot");
+   paused->taskSuspendedIs(true);
+   std::ostringstream report;
+   auto reporter = rootTask(TaskPriority::normal, "report", [&](LambdaTask&) {
+      audit->scheduleTask();
+      root_->printStats(report, true, false, 20, 4294967295u, 4294967295u);
+   });
+   reporter->scheduleTask();
+   root_->handleSchedulerRun();
+   (void)idle;
+   EXPECT_EQ(report.str(), R"report(Priority RunnableCount     IdleCount DeadCount   TotalRunCount
+high                 0             2         1               4
+normal               0             3         2               6
+low                  0             2         0               2
+scavenge             1             0         0               0
+Maximum scheduler slip 0.003000 seconds
+SP                = Task status and priority % two characters:
+   first            T/t for active/idle timers, * for running task or blank
+   second           priority and runnable status, upper case for runnable
+RunCount          = Number of times task has run
+TotalSec          = Total run time in seconds
+LastDelay         = Scheduling delay last time task ran, in seconds
+MaxDelay          = Maximum scheduling delay encountered, in seconds
+200% 500%         = Number of times task used this percentage of quantum
+MaxMs             = Maximum single run time in milliseconds
+Dead              = Number of times a task with this name has died
+TotalWorkCount    = Counter of total work units processed
+DecayAvgWorkCount =    exponential decaying average of work units processed
+MaxWorkCount      =    high watermark of work units processed in one run
+LastWorkPending   = Work units pending processing
+MaxWorkPending    =    high watermark of work units pending processing
+
+TaskName             SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Total/DecayA/Max-WorkCount Last/Max-WorkPending
+-------------------- -- ---------- ------------- ------ ------- ---- ---- ----- ---------- -------- ------ --------- ----------
+compact               l          2         0.155  0.016   0.016    1    1   110          0      0.0      -         0          -
+flush                 n          3         0.036  0.004   0.004    0    0    12        120     25.8     60         4          6
+poll                  h          3         0.003  0.003   0.003    0    0     1          9      3.0      3         0          0
+other;sync            h          1         0.002  0.000   0.000    0    0     2          1      1.0      1         0          0
+audit                 S          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+idle                  l          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+paused               Sn          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+report               *n          1         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+TaskName (completed) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Dead Total/DecayA/Max-WorkCount Last/Max-WorkPending
+-------------------- -- ---------- ------------- ------ ------- ---- ---- ----- ---- ---------- -------- ------ --------- ----------
+worker                n          2         0.010  0.000   0.000    0    0     5    2          4      4.0      2         2          1
+oneshot               h          0         0.000  0.000   0.000    0    0     0    1          0      0.0      -         0          -
+)report");
+}
+
+namespace {
+Korvo::TaskStat record(const Korvo::ConstStringRef& name, TaskPriority p, uint32_t runs,
+                       Korvo::TaskDuration total, uint64_t work = 0,
+                       Korvo::TaskMaybeU32 workMark = {}, Korvo::TaskMaybeU32 pendingMark = {},
+                       Korvo::TaskDuration maxRun = 0ms) {
+   return Korvo::TaskStat(name, Korvo::TaskKey(), p, runs, total, work, 1.5f, workMark, 0,
+                          pendingMark, 0, 0, maxRun, 0ms, 0ms, {});
+}
+std::string display(std::vector<Korvo::TaskStat> rows, unsigned width, bool dead, bool skip,
+                    unsigned limit) {
+   std::ostringstream os;
+   Korvo::taskSchedulerDisplay(os, rows, "TaskName", width, dead, skip, limit);
+   return os.str();
+}
+}  // namespace
+
+TEST_F(ReportTest, TablesCutSkipAndGrowOnOddInput) {
+   auto& cache = root_->stringCache();
+   std::vector<Korvo::TaskStat> five;
+   for (int i = 1; i <= 5; ++i) {
+      five.push_back(record(cache.intern("t" + std::to_string(i)), TaskPriority::normal,
+                            i == 3 ? 0 : 1, i * 1ms));
+   }
+   // The two longest runs, then what was cut; skipping counts apart from the cut.
+   EXPECT_EQ(display(five, 0, false, true, 2),
+             "TaskName SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs "
+             "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n"
+             "-- -- ---------- ------------- ------ ------- ---- ---- ----- ---------- -------- "
+             "------ --------- ----------\n"
+             "t5  n          1         0.005  0.000   0.000    0    0     0          0      1.5"
+             "      -         0          -\n"
+             "t4  n          1         0.004  0.000   0.000    0    0     0          0      1.5"
+             "      -         0          -\n"
+             "Skipped 1 task with no runs\n"
+             "Truncated 2 tasks due to requested limit\n");
+   // Limit 0 and no rows at all: the heading alone.
+   EXPECT_EQ(display(five, 0, true, false, 0).substr(display({}, 0, true, false, 0).size()),
+             "Truncated 5 tasks due to requested limit\n");
+
+   const std::string wide(300, 'w');
+   std::vector<Korvo::TaskStat> odd{
+       record(cache.intern(""), TaskPriority::high, 4294967295u, 72h, 18446744073709551615ull,
+              Korvo::TaskMaybeU32(), Korvo::TaskMaybeU32(), 48h),
+       record(cache.intern(wide), TaskPriority::low, 1, 1ms),
+       record(cache.intern("gr\xC3\xB6\xC3\x9F"
+                           "e"),
+              TaskPriority::scavenge, 2, 2ms),
+   };
+   Korvo::TaskMaybeU32 nearMax;
+   nearMax.valueIs(0xFFFFFFFEu);
+   odd.push_back(record(cache.intern("max"), TaskPriority::absolute, 1, 0ms, 1, nearMax, nearMax));
+   std::string text;
+   ASSERT_NO_THROW(text = display(odd, 0, true, false, 4294967295u));
+   std::istringstream lines(text);
+   std::string line;
+   std::vector<std::string> rows;
+   while (std::getline(lines, line)) {
+      rows.push_back(line);
+   }
+   ASSERT_EQ(rows.size(), 6u);
+   EXPECT_EQ(rows[1].find(' '), 300u);  // the dash group of the name column
+   // Every row's status column starts at the same character (UTF-8 counted as one).
+   const char* status[] = {" h", " s", " l", " a"};  // by run time: "", größe, wide, max
+   for (std::size_t i = 0; i < 4; ++i) {
+      const std::size_t extraBytes = i == 1 ? 2 : 0;
+      EXPECT_EQ(rows[i + 2].substr(300 + extraBytes, 4), " " + std::string(status[i]) + " ")
+          << rows[i + 2];
+   }
+   EXPECT_NE(rows[2].find(" 4294967295    259200.000 "), std::string::npos) << rows[2];
+   EXPECT_NE(rows[2].find(" 172800000    0 18446744073709551615      1.5      - "),
+             std::string::npos)
+       << rows[2];
+   EXPECT_NE(rows.back().find(" 4294967294         0 4294967294"), std::string::npos)
+       << rows.back();
+}
+
+TEST_F(ReportTest, PriorityRowsOnlyForPrioritiesInUse) {
+   auto high = makeTask(TaskPriority::high, "h");
+   auto low = makeTask(TaskPriority::low, "l");
+   low->scheduleTask();
+   const Korvo::TaskSchedulerQueueStats stats = sched_->queueStats();
+   ASSERT_EQ(stats.size(), 2u);
+   EXPECT_EQ(stats.at(TaskPriority::low), Korvo::TaskSchedulerPriorityStats(1, 0, 0, 0));
+   Korvo::TaskSchedulerQueueStats sum = stats;
+   sum += root_->queueStats();
+   sum += stats;
+   EXPECT_EQ(sum.at(TaskPriority::low), Korvo::TaskSchedulerPriorityStats(2, 0, 0, 0));
+   EXPECT_EQ(root_->queueStatsRoot(), stats);
+   std::ostringstream os;
+   sched_->printStats(os, false, true, 0, 4294967295u, 4294967295u);
+   EXPECT_EQ(os.str().substr(0, os.str().find(" seconds\n") + 9),
+             "Priority RunnableCount     IdleCount DeadCount   TotalRunCount\n"
+             "high                 0             1         0               0\n"
+             "low                  1             0         0               0\n"
+             "Maximum scheduler slip 0.000000 seconds\n");
+   EXPECT_NE(os.str().find("\nSkipped 2 tasks with no runs\n"), std::string::npos);
+   EXPECT_EQ(os.str().find("TaskName (completed)"), std::string::npos);
+}
