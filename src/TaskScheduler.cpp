@@ -348,6 +348,11 @@ void TaskScheduler::clearStats() {
 
 void TaskScheduler::resetStats() {
    if (resetStatsTask_ == nullptr) {
+      struct Registering {
+         bool& flag;
+         ~Registering() { flag = false; }
+      } registering{resetStatsTaskRegistering_};
+      resetStatsTaskRegistering_ = true;
       resetStatsTask_ = makeShared<ResetStatsTask>(this);
    }
    // A reset asked for while one walks starts the walk again from the head.

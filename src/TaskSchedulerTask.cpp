@@ -334,7 +334,8 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
    *end = taskTime();
    accountRun(*end - runStart_);
    recordEvent(*end, EventType::runEnd);
-   taskBusyIs(taskRunQueueLink_.isLinked(), *end);
+   // Virtual: a timer task that re-armed itself during its run stays busy.
+   taskBusyIs(taskScheduled(), *end);
 }
 
 void TaskImpl::failMagic(const void* task, uint32_t magic) {

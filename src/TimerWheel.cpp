@@ -58,6 +58,10 @@ void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, doubl
    wheel->timerStart(this, delay);
 }
 
+void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) {
+   wheel->timerStop(this);
+}
+
 double TimerWheelEvent::remainingTimeout() const {
    if (!running()) {
       return infinity();

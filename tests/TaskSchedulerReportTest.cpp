@@ -1,5 +1,6 @@
 #include "TaskTestSupport.h"
 
+#include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 
 #include <gtest/gtest.h>
@@ -48,12 +49,26 @@ TEST_F(ReportTest, GoldenReport) {
    auto idle = rootTask(TaskPriority::low, "idle");
    auto paused = rootTask(TaskPriority::normal, "paused");
    auto other = makeTask(TaskPriority::high, "other;sync", busyFor(2ms, 1, 0));
+   auto flows = Korvo::TaskGroup::TaskGroupIs("flows", TaskPriority::high, false, root_);
+   flows->taskGroupQuantumIs(5ms);
+   auto rx =
+       Korvo::makeShared<LambdaTask>(flows, TaskPriority::normal, "flows;rx", [](LambdaTask& t) {
+          FakeClock::advance(2ms);
+          t.taskWorkCountInc(16);
+          if (t.runs % 4 != 0) {
+             t.scheduleTask();  // more than a quantum
+          }
+       });
+   auto tx =
+       Korvo::makeShared<LambdaTask>(flows, TaskPriority::low, "flows;tx", busyFor(1ms, 4, 2));
    for (int round = 0; round < 3; ++round) {
       poll->scheduleTask();
       flush->scheduleTask();
       if (round < 2) {
          compact->scheduleTask();
       }
+      rx->scheduleTask();
+      tx->scheduleTask();
       FakeClock::advance(3ms);
       drainRoot();
    }
@@ -75,11 +90,11 @@ TEST_F(ReportTest, GoldenReport) {
    root_->handleSchedulerRun();
    (void)idle;
    EXPECT_EQ(report.str(), R"report(Priority RunnableCount     IdleCount DeadCount   TotalRunCount
-high                 0             2         1               4
-normal               0             3         2               6
-low                  0             2         0               2
+high                 0             3         1              10
+normal               0             4         2              18
+low                  0             3         0               5
 scavenge             1             0         0               0
-Maximum scheduler slip 0.003000 seconds
+Maximum scheduler slip 0.004000 seconds
 SP                = Task status and priority % two characters:
    first            T/t for active/idle timers, * for running task or blank
    second           priority and runnable status, upper case for runnable
@@ -98,8 +113,11 @@ MaxWorkPending    =    high watermark of work units pending processing
 
 TaskName             SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Total/DecayA/Max-WorkCount Last/Max-WorkPending
 -------------------- -- ---------- ------------- ------ ------- ---- ---- ----- ---------- -------- ------ --------- ----------
-compact               l          2         0.155  0.016   0.016    1    1   110          0      0.0      -         0          -
-flush                 n          3         0.036  0.004   0.004    0    0    12        120     25.8     60         4          6
+compact               l          2         0.155  0.025   0.025    1    1   110          0      0.0      -         0          -
+flush                 n          3         0.036  0.013   0.013    0    0    12        120     25.8     60         4          6
+TaskGroup;flows       h          6         0.027  0.001   0.004    0    0     6         18      3.0      3         0          2
+flows;rx              n         12         0.024  0.000   0.004    0    0     2        192     16.0     16         0          -
+flows;tx              l          3         0.003  0.012   0.012    0    0     1         12      4.0      4         2          2
 poll                  h          3         0.003  0.003   0.003    0    0     1          9      3.0      3         0          0
 other;sync            h          1         0.002  0.000   0.000    0    0     2          1      1.0      1         0          0
 audit                 S          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -

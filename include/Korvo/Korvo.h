@@ -10,6 +10,7 @@
 #include <Korvo/DirNode.h>
 #include <Korvo/Exception.h>
 #include <Korvo/Export.h>
+#include <Korvo/FileDescriptorTask.h>
 #include <Korvo/FileLock.h>
 #include <Korvo/Hash.h>
 #include <Korvo/IntrospectionMap.h>
@@ -21,11 +22,14 @@
 #include <Korvo/Plugin.h>
 #include <Korvo/Random.h>
 #include <Korvo/Task.h>
+#include <Korvo/TaskControl.h>
+#include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 #include <Korvo/TaskSchedulerHistory.h>
 #include <Korvo/TaskStat.h>
 #include <Korvo/Thread.h>
 #include <Korvo/Timeouts.h>
+#include <Korvo/TimerTask.h>
 #include <Korvo/TimerWheel.h>
 #include <Korvo/Util.h>
 

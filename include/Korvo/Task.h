@@ -213,6 +213,12 @@ public:
 
 protected:
    inline void recordEvent(const TaskTimePoint& time, TaskSchedulerEventType type) const;
+   // Takes the task off its run queue without the busy report (harmless when not
+   // queued); for subclasses that report busyness once after several changes.
+   void unscheduleTaskPrivate(const TaskTimePoint& now);
+   // Defined in Korvo/TaskScheduler.h, where schedulers are complete.
+   inline void sanityCheckThread() const;
+   inline TaskSchedulerRoot* root() const;
 
 private:
    friend class TaskScheduler;
@@ -222,10 +228,6 @@ private:
    static constexpr uint8_t flagIncludeInDeadTask = 0x02;
 
    void handleInitialized();
-   void unscheduleTaskPrivate(const TaskTimePoint& now);
-   // Defined in Korvo/TaskScheduler.h, where schedulers are complete.
-   inline void sanityCheckThread() const;
-   inline TaskSchedulerRoot* root() const;
    void accountRun(TaskDuration elapsed);
    void clearStatsFields();
    [[noreturn]] static void failMagic(const void* task, uint32_t magic);

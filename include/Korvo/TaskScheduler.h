@@ -221,6 +221,9 @@ public:
 protected:
    // Destroys the reset-statistics task while the scheduler is still whole.
    void resetStatsTaskRelease();
+   // True while the scheduler's own reset-statistics task registers (taskRegister()
+   // overrides may exempt it from their rules).
+   bool resetStatsTaskRegistering() const { return resetStatsTaskRegistering_; }
 
 private:
    friend class TaskImpl;
@@ -251,6 +254,7 @@ private:
    std::shared_ptr<ResetStatsTask> resetStatsTask_;
    RegisteredList::Bookmark resetStatsBookmark_;
    bool resetStatsInProgress_ = false;
+   bool resetStatsTaskRegistering_ = false;
 };
 
 // The scheduler's name.
@@ -321,7 +325,11 @@ public:
    void taskShouldYieldModeReevaluate();
 
    // 0 to 100 from the root's own generator; the same sequence in every run.
+   // Timer-task jitter draws from it too.
    int randomPercent();
+   // The generator's state (rand_r), 0 at construction.
+   unsigned int randomSeed() const { return randomSeed_; }
+   void randomSeedIs(unsigned int seed) { randomSeed_ = seed; }
 
    TaskScheduler* findSchedulerForTest(const std::string& name) const;
    // Registered tasks of all registered schedulers, bookmarks not counted.

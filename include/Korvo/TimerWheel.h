@@ -52,6 +52,8 @@ public:
 
    // wheel->timerStart(this, delay).
    void setTimeout(const std::shared_ptr<TimerWheel>& wheel, double delay);
+   // wheel->timerStop(this); harmless when not running.
+   void delTimeout(const std::shared_ptr<TimerWheel>& wheel);
    // +infinity when not running; 0.0 once due.
    double remainingTimeout() const;
    double expirationTime() const { return expirationTime_; }

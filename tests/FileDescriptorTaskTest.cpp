@@ -1,0 +1,176 @@
+// File-descriptor tasks on real pipes, driven by passes of the real loop.
+
+#include <Korvo/Allocator.h>
+#include <Korvo/FileDescriptorTask.h>
+#include <Korvo/TaskScheduler.h>
+
+#include "PlatformTestSupport.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Korvo::TaskPriority;
+using KorvoTest::assertionText;
+
+// Passes of the loop: descriptors need no time, only passes (one task runs per pass).
+void pump(int passes = 20) {
+   for (int i = 0; i < passes; ++i) {
+      Korvo::Platform::doEventLoop(0.0);
+   }
+}
+
+bool contains(const std::string& text, const std::string& part) {
+   return text.find(part) != std::string::npos;
+}
+
+class FdTask : public Korvo::FileDescriptorTask {
+public:
+   FdTask(std::shared_ptr<Korvo::TaskScheduler> s, const std::string& name)
+       : FileDescriptorTask(std::move(s), TaskPriority::normal, name) {}
+   void taskExecuteReadable() override {
+      ++reads;
+      char buf[16];
+      const ssize_t n = ::read(taskWatchFd(), buf, sizeof(buf));  // a little per run
+      taskWorkCountInc(n > 0 ? static_cast<unsigned long>(n) : 0);
+      if (onRead) {
+         onRead();
+      }
+   }
+   void taskExecuteWritable() override { ++writes; }
+   void handleTaskBusy() override { ++busyChanges; }
+   int reads = 0;
+   int writes = 0;
+   int busyChanges = 0;
+   std::function<void()> onRead;
+};
+
+class FdTaskTest : public ::testing::Test {
+protected:
+   void SetUp() override {
+      root_ = Korvo::schedulerRootKorvoNonShared("fdRoot");
+      task_ = Korvo::makeShared<FdTask>(root_, "fd");
+   }
+   void TearDown() override {
+      task_.reset();
+      root_.reset();
+   }
+   KorvoTest::ThrowOnAssert throwing_;
+   std::shared_ptr<Korvo::TaskSchedulerRoot> root_;
+   std::shared_ptr<FdTask> task_;
+};
+
+TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
+   KorvoTest::Pipe pipe;
+   pipe.put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
+   // A fresh task watches no direction, so a readable descriptor reports nothing.
+   task_->taskWatchFdIs(pipe.readFd());
+   pump();
+   EXPECT_EQ(task_->reads, 0);
+   EXPECT_EQ(task_->taskWorkPendingWritable(), 0u);
+   EXPECT_FALSE(task_->taskScheduledWritable());
+   EXPECT_EQ(root_->taskForTest("fd:write"), nullptr);
+   task_->taskWatchWritableIs(false);  // no change, but the write task now exists
+   EXPECT_NE(root_->taskForTest("fd:write"), nullptr);
+   task_->taskWatchReadableIs(true);
+   pump();  // read runs repeat while data remains
+   EXPECT_EQ(task_->reads, 3);
+   EXPECT_EQ(task_->taskWorkCountReadableTotal(), 36u);
+   EXPECT_EQ(task_->taskWorkCountReadableHighWaterMark().value(), 16u);
+   EXPECT_EQ(root_->taskStatForTest("fd:read").taskRunCount(), 3u);
+   EXPECT_FALSE(task_->taskBusy());
+   EXPECT_GT(task_->busyChanges, 0);
+   // The write end of a pipe is always writable: one run per request.
+   task_->taskWatchReadableIs(false);
+   task_->taskWatchFdIs(pipe.writeFd());
+   task_->taskWatchWritableIs(true);
+   pump();
+   EXPECT_EQ(task_->writes, 1);
+   EXPECT_FALSE(task_->taskWatchWritable());
+   task_->taskWatchWritableIs(true);
+   pump();
+   EXPECT_EQ(task_->writes, 2);
+   EXPECT_EQ(task_->taskRunCount(), 5u);
+   // Queued directions stay queued for the same descriptor and leave for another.
+   task_->taskWatchReadableIs(true);
+   task_->scheduleTaskReadable();
+   task_->taskWatchFdIs(pipe.writeFd());
+   EXPECT_TRUE(task_->taskScheduledReadable());
+   task_->taskWatchFdIs(pipe.readFd());
+   EXPECT_FALSE(task_->taskScheduled());
+   // Suspending and resuming does not run a direction that is not watched.
+   task_->taskWatchReadableIs(false);
+   task_->taskSuspendedIs(true);
+   task_->taskSuspendedIs(false);
+   EXPECT_FALSE(task_->taskScheduled());
+}
+
+TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
+   KorvoTest::Pipe pipe;
+   task_->taskWatchFdIs(pipe.readFd());
+   EXPECT_TRUE(contains(assertionText([&] { task_->readFdEvent(pipe.readFd()); }),
+                        "readFdEvent() called with taskWatchReadable off"));
+   EXPECT_TRUE(contains(assertionText([&] { task_->writeFdEvent(pipe.readFd()); }),
+                        "writeFdEvent() called with taskWatchWritable off"));
+   task_->taskWatchReadableIs(true);
+   EXPECT_TRUE(contains(assertionText([&] { task_->readFdEvent(99); }),
+                        "Notified about 99 watching " + std::to_string(pipe.readFd())));
+   EXPECT_TRUE(contains(assertionText([&] { task_->taskWorkCountWritableInc(1); }),
+                        "WriteTask not created by taskWatchWritableIs( true )"));
+   EXPECT_TRUE(contains(assertionText([&] { task_->taskWatchFdIs(-1); }), "flags >= 0"));
+   std::string wrongThread;
+   std::thread([&] {
+      wrongThread = assertionText([&] { task_->taskWatchReadableIs(false); });
+   }).join();
+   EXPECT_TRUE(contains(wrongThread, "Executing in wrong thread "));
+   EXPECT_TRUE(task_->taskWatchReadable());
+}
+
+TEST_F(FdTaskTest, AClosedAndReusedNumberIsWatchedAfresh) {
+   auto pipe = std::make_unique<KorvoTest::Pipe>();
+   const int fd = pipe->readFd();
+   task_->taskWatchReadableIs(true);
+   task_->taskWatchFdIs(fd);
+   task_->taskWatchFdDel();
+   pipe.reset();
+   KorvoTest::Pipe reused;
+   ASSERT_EQ(reused.readFd(), fd);
+   reused.put("x");
+   task_->taskWatchFdIs(fd);
+   pump();
+   EXPECT_EQ(task_->reads, 1);
+}
+
+TEST_F(FdTaskTest, AHandlerExceptionLeavesTheTaskUnusableAndSelfReleaseIsSafe) {
+   KorvoTest::Pipe pipe;
+   pipe.put("0123456789abcdefghijklmnopqrstuvwxyz");
+   task_->taskWatchReadableIs(true);
+   task_->taskWatchFdIs(pipe.readFd());
+   task_->onRead = [] { throw std::runtime_error("handler failed"); };
+   EXPECT_THROW(pump(), std::runtime_error);
+   // Data remains: the next run finds the previous one still marked in progress.
+   root_->requestSchedulerRun();
+   try {
+      pump();
+      ADD_FAILURE() << "no assertion";
+   } catch (const Korvo::AssertException& e) {
+      EXPECT_TRUE(contains(e.message(), "Executing task already set"));
+   }
+   // A fresh task whose handler drops the last reference to it goes after its run.
+   task_ = Korvo::makeShared<FdTask>(root_, "fd2");
+   std::weak_ptr<FdTask> weak = task_;
+   task_->taskWatchReadableIs(true);
+   task_->taskWatchFdIs(pipe.readFd());
+   task_->onRead = [this] { task_.reset(); };
+   root_->requestSchedulerRun();
+   pump();
+   EXPECT_TRUE(weak.expired());
+}
+
+}  // namespace

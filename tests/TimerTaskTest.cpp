@@ -1,0 +1,336 @@
+// Timer tasks on a real root, the real wheel and the real loop, under virtual time.
+
+#include <Korvo/Allocator.h>
+#include <Korvo/Debug.h>
+#include <Korvo/TaskScheduler.h>
+#include <Korvo/TimerTask.h>
+
+#include "PlatformTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Korvo::TaskPriority;
+using Korvo::TimerTask;
+using namespace std::chrono_literals;
+using Korvo::Platform::doEventLoop;
+constexpr double inf = std::numeric_limits<double>::infinity();
+
+class Timer : public TimerTask {
+public:
+   Timer(std::shared_ptr<Korvo::TaskScheduler> s, const std::string& name)
+       : TimerTask(std::move(s), TaskPriority::normal, name) {}
+   void taskExecute() override {
+      runTimes.push_back(Korvo::time());
+      if (body) {
+         body(*this);
+      }
+   }
+   bool armed() const { return taskStatus().taskTimerRunning(); }
+   bool queued() const { return taskStatus().taskOnRunQueue(); }
+   std::vector<double> runTimes;
+   std::function<void(Timer&)> body;
+};
+
+class TimerTaskTest : public ::testing::Test {
+protected:
+   void SetUp() override { root_ = Korvo::schedulerRootKorvoNonShared("timerRoot"); }
+   void TearDown() override { root_.reset(); }
+   std::shared_ptr<Timer> timer(const std::string& name) {
+      return Korvo::makeShared<Timer>(root_, name);
+   }
+   // The percentage step the next jitter will draw.
+   unsigned nextJitterStep() const {
+      unsigned seed = root_->randomSeed();
+      return static_cast<unsigned>(::rand_r(&seed)) / 21474836u;
+   }
+
+   KorvoTest::ThrowOnAssert throwing_;
+   KorvoTest::FastForwardOn fastForward_;
+   std::shared_ptr<Korvo::TaskSchedulerRoot> root_;
+};
+
+// ---------------------------------------------------------------------------------
+// Against a reference model
+
+enum class State { idle, armed, queued };
+
+struct Model {
+   State state = State::idle;
+   double expiry = inf;  // earliest library time a run may happen, while armed
+};
+
+State actualState(const Timer& t) {
+   EXPECT_FALSE(t.armed() && t.queued()) << t.taskName();
+   return t.armed() ? State::armed : t.queued() ? State::queued : State::idle;
+}
+
+TEST_F(TimerTaskTest, RandomOperationsAgreeWithAReferenceModel) {
+   constexpr int kTasks = 24;
+   constexpr int kSteps = 10000;
+   std::mt19937 rng(7);
+   std::vector<std::shared_ptr<Timer>> tasks;
+   std::vector<Model> model(kTasks);
+   for (int i = 0; i < kTasks; ++i) {
+      tasks.push_back(timer("t" + std::to_string(i)));
+   }
+   auto pickDelay = [&]() -> double {
+      switch (rng() % 8) {
+         case 0:
+            return 0.0;
+         case 1:
+            return -0.05;
+         default:
+            return static_cast<double>(rng() % 100 + 1) / 100.0;
+      }
+   };
+   // Arms through the seconds or the nanosecond form; returns the delay asked for.
+   auto armWith = [&](Timer& t, int op, double d, unsigned char pct) {
+      const bool ns = rng() % 2 == 0;
+      const auto dn = std::chrono::nanoseconds(std::llround(d * 1e9));
+      const double asked = ns ? static_cast<double>(dn.count()) / 1e9 : d;
+      switch (op) {
+         case 0:
+            ns ? t.scheduleTaskDelay(dn) : t.scheduleTaskDelay(d);
+            return asked;
+         case 1:
+            ns ? t.scheduleTaskLowestDelay(dn) : t.scheduleTaskLowestDelay(d);
+            return asked;
+         case 2: {
+            const unsigned k = nextJitterStep();
+            if (ns) {
+               t.scheduleTaskJitterUp(dn, pct);
+               return static_cast<double>((dn + dn * (k * pct) / 10000).count()) / 1e9;
+            }
+            t.scheduleTaskJitterUp(d, pct);
+            return d + static_cast<double>(k) * (static_cast<double>(pct) * d) / 10000.0;
+         }
+         default: {
+            const unsigned k = nextJitterStep();
+            if (ns) {
+               t.scheduleTaskJitterDown(dn, pct);
+               return static_cast<double>((dn - dn * (k * pct) / 10000).count()) / 1e9;
+            }
+            t.scheduleTaskJitterDown(d, pct);
+            return d - static_cast<double>(k) * (static_cast<double>(pct) * d) / 10000.0;
+         }
+      }
+   };
+   std::vector<size_t> runsBefore(kTasks);
+   for (int step = 0; step < kSteps; ++step) {
+      const int i = static_cast<int>(rng() % kTasks);
+      Timer& t = *tasks[i];
+      Model& m = model[i];
+      const unsigned op = rng() % 10;
+      if (op == 9) {  // let the loop run
+         for (int j = 0; j < kTasks; ++j) {
+            runsBefore[j] = tasks[j]->runTimes.size();
+         }
+         doEventLoop(static_cast<double>(rng() % 4) * 0.1);
+         const double end = Korvo::time();
+         for (int j = 0; j < kTasks; ++j) {
+            Timer& u = *tasks[j];
+            Model& n = model[j];
+            const size_t ran = u.runTimes.size() - runsBefore[j];
+            ASSERT_LE(ran, 1u) << u.taskName() << " step " << step;
+            if (ran == 1) {
+               ASSERT_NE(n.state, State::idle) << u.taskName();
+               ASSERT_GE(u.runTimes.back(), n.expiry) << u.taskName() << " ran early";
+               n = Model();
+            } else if (n.state == State::armed && n.expiry <= end) {
+               // Due by now; whether its run has come yet depends on the machine.
+               n.state = actualState(u);
+               ASSERT_NE(n.state, State::idle) << u.taskName() << " lost its run";
+               if (n.state == State::queued) {
+                  n.expiry = -inf;
+               }
+            }
+            ASSERT_EQ(actualState(u), n.state) << u.taskName() << " step " << step;
+            if (n.state == State::armed) {
+               ASSERT_EQ(u.currentExpirationTime(), n.expiry) << u.taskName();
+            }
+         }
+         continue;
+      }
+      const double before = Korvo::time();
+      // As the wheel reports it: 0 once due.
+      const double remaining = m.state == State::armed ? std::max(m.expiry - before, 0.0) : inf;
+      if (op == 7) {
+         t.stopTimerTask();
+         m = Model();
+      } else if (op == 8) {
+         t.scheduleTask();
+         m = Model{State::queued, -inf};
+      } else {
+         const int kind = static_cast<int>(op % 4);
+         const double d = pickDelay();
+         const auto pct = static_cast<unsigned char>(rng() % 101);
+         const double delay = (kind >= 2 && d < 0) ? 0.0 : d;  // negative jitter asserts
+         const double asked = armWith(t, kind, delay, pct);
+         if (asked == 0.0) {
+            if (kind != 1 || m.state != State::queued) {
+               m = Model{State::queued, -inf};
+            }
+         } else if (kind == 1 && m.state == State::queued) {
+            // Already has the lowest delay possible.
+         } else if (kind == 1 && std::abs(asked - remaining) < 1e-3) {
+            // Too close to call from outside: take what the task decided.
+            m.expiry = std::min(m.expiry, t.currentExpirationTime());
+         } else if (kind != 1 || asked < remaining) {
+            const double expiry = t.currentExpirationTime();
+            ASSERT_GE(expiry + 1e-9, before + asked);
+            ASSERT_LE(expiry, Korvo::time() + asked + 1e-9);
+            m = Model{State::armed, expiry};
+         }
+      }
+      ASSERT_EQ(actualState(t), m.state) << t.taskName() << " op " << op << " step " << step;
+      if (m.state == State::armed) {
+         ASSERT_EQ(t.currentExpirationTime(), m.expiry) << t.taskName() << " step " << step;
+      }
+   }
+   size_t total = 0;
+   for (const auto& task : tasks) {
+      total += task->runTimes.size();
+   }
+   EXPECT_GT(total, 500u);
+   // Every outstanding arming runs exactly once, none early.
+   for (int j = 0; j < kTasks; ++j) {
+      runsBefore[j] = tasks[j]->runTimes.size();
+   }
+   doEventLoop(2.0);
+   doEventLoop();
+   for (int j = 0; j < kTasks; ++j) {
+      const size_t ran = tasks[j]->runTimes.size() - runsBefore[j];
+      EXPECT_EQ(ran, model[j].state == State::idle ? 0u : 1u) << tasks[j]->taskName();
+      if (ran == 1) {
+         EXPECT_GE(tasks[j]->runTimes.back(), model[j].expiry);
+      }
+      EXPECT_EQ(actualState(*tasks[j]), State::idle);
+   }
+}
+
+// ---------------------------------------------------------------------------------
+// Exact cases
+
+TEST_F(TimerTaskTest, TransitionsStatusHistoryAndExpirationTimes) {
+   auto t = timer("edge");
+   EXPECT_TRUE(t->taskStatus().taskTimer());
+   EXPECT_EQ(t->currentExpirationTime(), inf);
+   EXPECT_EQ(t->timerRemaining(), inf);
+   t->scheduleTaskDelay(3.0);
+   EXPECT_TRUE(t->taskStatus().taskTimerRunning());
+   EXPECT_TRUE(t->taskScheduled());
+   EXPECT_TRUE(t->taskBusy());
+   EXPECT_EQ(root_->history()->event(1).eventType(), Korvo::TaskSchedulerEventType::timerStart);
+   t->scheduleTaskLowestDelay(5.0);  // keeps 3 s
+   EXPECT_LE(t->timerRemaining(), 3.0);
+   t->scheduleTaskLowestDelay(1s);  // earlier: re-armed
+   EXPECT_LE(t->timerRemaining(), 1.0);
+   t->scheduleTaskDelay(0.0);  // disarmed and queued at once
+   EXPECT_FALSE(t->armed());
+   EXPECT_TRUE(t->queued());
+   const double before = Korvo::time();
+   const double expiration = t->currentExpirationTime();  // "now" while queued
+   EXPECT_GE(expiration, before);
+   EXPECT_LE(expiration, Korvo::time());
+   t->scheduleTaskLowestDelay(2.0);  // stays queued, no timer
+   EXPECT_TRUE(t->queued());
+   EXPECT_FALSE(t->armed());
+   t->scheduleTaskDelay(2.0);  // dequeued and armed
+   EXPECT_FALSE(t->queued());
+   EXPECT_TRUE(t->armed());
+   t->scheduleTaskJitterUp(inf, 50);  // infinite: stopped
+   EXPECT_FALSE(t->taskScheduled());
+   EXPECT_FALSE(t->taskBusy());
+   EXPECT_EQ(root_->history()->event(1).eventType(), Korvo::TaskSchedulerEventType::timerStop);
+   t->scheduleTaskJitterUp(10.0, 0);
+   EXPECT_NEAR(t->currentExpirationTime() - Korvo::time(), 10.0, 1e-3);
+   const unsigned k = nextJitterStep();
+   const double start = Korvo::time();
+   t->scheduleTaskJitterDown(10.0, 100);
+   EXPECT_NEAR(t->currentExpirationTime() - start, 10.0 - k * 0.1, 1e-3);
+   t->scheduleTaskDelay(std::chrono::nanoseconds::max());
+   EXPECT_FALSE(t->taskScheduled());
+   doEventLoop(11.0);
+   EXPECT_TRUE(t->runTimes.empty());
+}
+
+TEST_F(TimerTaskTest, BadDelaysFailWithTheirMessages) {
+   auto t = timer("bad");
+   using KorvoTest::assertionText;
+   EXPECT_NE(assertionText([&] { t->scheduleTaskLowestDelay(inf); }).find("delayIntoFuture: inf"),
+             std::string::npos);
+   EXPECT_NE(assertionText([&] {
+                t->scheduleTaskLowestDelay(std::chrono::nanoseconds::max());
+             }).find("delayIntoFuture: "),
+             std::string::npos);
+   EXPECT_NE(
+       assertionText([&] { t->scheduleTaskDelay(std::nan("")); }).find("delayIntoFuture: nan"),
+       std::string::npos);
+   EXPECT_NE(assertionText([&] {
+                t->scheduleTaskJitterUp(1.0, 101);
+             }).find("maxJitterPercentage: e > 100"),
+             std::string::npos);
+   EXPECT_NE(assertionText([&] { t->scheduleTaskJitterDown(-1.0, 10); }).find("offset( "),
+             std::string::npos);
+   EXPECT_NE(
+       assertionText([&] { t->scheduleTaskJitterUp(-1s, 10); }).find(" ) > delayIntoFuture( "),
+       std::string::npos);
+   // None of them changed anything; a jitter of weeks in nanoseconds does not overflow.
+   EXPECT_FALSE(t->taskScheduled());
+   t->scheduleTaskJitterUp(std::chrono::nanoseconds(std::chrono::hours(24 * 60)), 100);
+   EXPECT_GE(t->timerRemaining(), 24.0 * 60 * 3600 - 1);
+   EXPECT_LE(t->timerRemaining(), 2 * 24.0 * 60 * 3600);
+   std::string wrongThread;
+   std::thread([&] { wrongThread = assertionText([&] { t->scheduleTaskDelay(1.0); }); }).join();
+   EXPECT_NE(wrongThread.find("Executing in wrong thread "), std::string::npos);
+}
+
+TEST_F(TimerTaskTest, RunsFromTheSchedulerAndSurvivesItsOwnHandler) {
+   auto t = timer("self");
+   // Re-armed in the past from its own run: once more on the next pass, then done.
+   int rearms = 2;
+   t->body = [&](Timer& self) {
+      if (--rearms >= 0) {
+         self.scheduleTaskDelay(rearms == 1 ? -1.0 : 0.02);
+      }
+   };
+   const double start = Korvo::time();
+   t->scheduleTaskDelay(0.5);
+   doEventLoop(0.49);
+   EXPECT_TRUE(t->runTimes.empty());
+   doEventLoop(1.0);
+   ASSERT_EQ(t->runTimes.size(), 3u);
+   EXPECT_GE(t->runTimes[0], start + 0.5);
+   EXPECT_GE(t->runTimes[2], t->runTimes[1] + 0.02);
+   EXPECT_FALSE(t->taskBusy());
+   // Released by its own run while re-armed: the timer goes with it.
+   std::weak_ptr<Timer> weak = t;
+   t->body = [&](Timer& self) {
+      self.scheduleTaskDelay(0.1);
+      t.reset();
+   };
+   t->scheduleTask();
+   doEventLoop(0.5);
+   EXPECT_TRUE(weak.expired());
+   // Destroyed while armed and while queued: nothing fires afterwards.
+   auto armed = timer("armed");
+   auto queued = timer("queued");
+   armed->scheduleTaskDelay(0.1);
+   queued->scheduleTask();
+   armed.reset();
+   queued.reset();
+   doEventLoop(0.5);
+}
+
+}  // namespace
