@@ -253,18 +253,22 @@ void TimerWheel::moveExpiredToExpiringSoon() {
 }
 
 void TimerWheel::runDueExpiringSoon(double now) {
-   auto it = timersExpiringSoon_.begin();
-   while (it != timersExpiringSoon_.end()) {
-      if (it->first > now) {
-         WHEEL_TRACE(9, "timeout",
-                     "Defer processing timers with expiry time " << it->first << " > now " << now);
+   // No iterator or list is held across a handler: a handler may start, stop or
+   // restart any timer, and a start may set the master timer, which drops
+   // emptied entries. So every step looks at the front afresh.
+   while (!timersExpiringSoon_.empty()) {
+      const auto first = timersExpiringSoon_.begin();
+      if (first->first > now) {
+         WHEEL_TRACE(
+             9, "timeout",
+             "Defer processing timers with expiry time " << first->first << " > now " << now);
          return;
       }
-      // Always the front: a handler may stop or restart any event, these included.
-      while (!it->second.empty()) {
-         timerExpired(it->second.popFront());
+      if (first->second.empty()) {
+         timersExpiringSoon_.erase(first);
+         continue;
       }
-      it = timersExpiringSoon_.erase(it);
+      timerExpired(first->second.popFront());
    }
 }
 
@@ -295,8 +299,23 @@ void TimerWheel::setMasterTimer() {
    const double now = Korvo::time();
    timeouts_update(wheel_, currentTick(now));
    dropEmptyExpiringSoon();
-   if (!timersExpiringSoon_.empty()) {
-      const double first = timersExpiringSoon_.begin()->first;
+   // The earliest of three: the first exact expiry waiting in the expiring-soon
+   // map, records the wheel already holds as expired, and the next tick at which
+   // the wheel may report more. The map being non-empty says nothing about the
+   // wheel: a timer started after the last pass may be due before every entry.
+   const double first = timersExpiringSoon_.empty() ? TimerWheelEvent::infinity()
+                                                    : timersExpiringSoon_.begin()->first;
+   if (timeouts_expired(wheel_)) {
+      WHEEL_TRACE(8, "setMasterTimer", "has expired timers, set master timer timeout 0");
+      masterTimer_->setTimeout(0.0);
+      masterExpiry_ = 0.0;
+      return;
+   }
+   const bool pending = timeouts_pending(wheel_);
+   const timeout_t ticks = pending ? timeouts_timeout(wheel_) : 0;
+   const double delay =
+       pending ? static_cast<double>(ticks) / ticksPerSecond : TimerWheelEvent::infinity();
+   if (first != TimerWheelEvent::infinity() && first <= now + delay) {
       if (now >= first) {
          WHEEL_TRACE(
              8, "setMasterTimer",
@@ -310,13 +329,7 @@ void TimerWheel::setMasterTimer() {
          masterTimer_->setTimeout(first - now);
       }
       masterExpiry_ = first;
-   } else if (timeouts_expired(wheel_)) {
-      WHEEL_TRACE(8, "setMasterTimer", "has expired timers, set master timer timeout 0");
-      masterTimer_->setTimeout(0.0);
-      masterExpiry_ = 0.0;
-   } else if (timeouts_pending(wheel_)) {
-      const timeout_t ticks = timeouts_timeout(wheel_);
-      const double delay = static_cast<double>(ticks) / ticksPerSecond;
+   } else if (pending) {
       WHEEL_TRACE(8, "setMasterTimer",
                   "has scheduled timers, first timer expiry in "
                       << ticks << " ticks, set master timer timeout " << delay);
