@@ -141,7 +141,7 @@ void TimerTask::stopTimerTask() {
       KORVO_TRACE(taskSchedulerDebug, 9, "Timer stopped " << this << ", was not running");
    }
    unscheduleTaskPrivate(now);
-   taskBusyIs(taskScheduled(), now);
+   taskBusyIs(false, now);  // neither armed nor queued
 }
 
 void TimerTask::timeout() {
@@ -198,7 +198,7 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool replace) {
       timerRunning_ = true;
       KORVO_TRACE(taskSchedulerDebug, 8, "Timer started " << this << " delay " << seconds);
       recordEvent(now, EventType::timerStart);
-      taskBusyIs(taskScheduled(), now);
+      taskBusyIs(true, now);  // armed
       return;
    }
    KORVO_TRACE(taskSchedulerDebug, 8,
