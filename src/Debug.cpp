@@ -131,7 +131,11 @@ void DebugHandler::enabledIs(unsigned level, bool on) {
       debugAndThrowAssertException(nullptr, 0, s, "Debug", "enabledIs", __LINE__);
    }
    const uint32_t bit = 1u << (level % 32);
-   levels = on ? (levels | bit) : (levels & ~bit);
+   if (on) {
+      levelsOr(bit);
+   } else {
+      levelsAndNot(bit);
+   }
 }
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
@@ -143,7 +147,7 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const cha
 }
 
 std::string DebugHandler::displayString() const {
-   return displayText(name, levelsFixed ? "+" : "", levels);
+   return displayText(name, levelsFixed ? "+" : "", levelsNow());
 }
 
 void DebugHandler::printAll() {
@@ -252,7 +256,7 @@ public:
          control = new DebugControl(name, static_cast<int>((w ? w->levels_ : 0) | bits), false);
       }
       for (DebugHandler* h : handlersWhere([&](const std::string& n) { return n == name; })) {
-         h->levels |= control->levels_;
+         h->levelsOr(control->levels_);
       }
    }
 
@@ -279,7 +283,7 @@ public:
       }
       for (DebugHandler* h :
            handlersWhere([&](const std::string& n) { return startsWith(n, prefix); })) {
-         h->levels |= levels;
+         h->levelsOr(levels);
       }
    }
 
@@ -293,7 +297,7 @@ public:
          new DebugHandler(name, static_cast<int>(w->levels_ & ~bits), false);
       }
       for (DebugHandler* h : handlersWhere([&](const std::string& n) { return n == name; })) {
-         h->levels &= ~bits;
+         h->levelsAndNot(bits);
       }
    }
 
@@ -316,7 +320,7 @@ public:
       }
       for (DebugHandler* h :
            handlersWhere([&](const std::string& n) { return startsWith(n, prefix); })) {
-         h->levels &= ~bits;
+         h->levelsAndNot(bits);
       }
    }
 
@@ -592,9 +596,10 @@ void dumpKorvoDebugMap() noexcept {
 
 void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handler,
                   const char* file, const char* func, int line) noexcept {
+   // The prefix is built under the lock too: setTraceFormat() changes its fields.
+   LocoGuard guard;
    fmt::memory_buffer prefix;
    buildPrefix(prefix, level, static_cast<const DebugHandler*>(handler), file, func, line);
-   LocoGuard guard;
    TraceFile& tf = traceFile();
    std::ostream& out = tf.stream.is_open() ? static_cast<std::ostream&>(tf.stream) : std::cerr;
    out.write(prefix.data(), static_cast<std::streamsize>(prefix.size()));

@@ -21,6 +21,9 @@ bool forkedChild_ = false;
 
 void handleFork() {
    forkedChild_ = true;
+   // The forking thread goes on in the child under the child's own id: a cached id
+   // would make isMainThread() false and put the parent's tid on every trace line.
+   Impl::forgetCachedTid();
 }
 
 bool isForkedChild() {

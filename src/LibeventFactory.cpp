@@ -3,6 +3,7 @@
 
 #include "Korvo/Allocator.h"
 #include "Korvo/Exception.h"
+#include "Korvo/TaskScheduler.h"
 #include "Korvo/Thread.h"
 
 #include <fcntl.h>
@@ -110,6 +111,19 @@ timeval timevalFromSeconds(double seconds, const char* what) {
    return tv;
 }
 
+timeval timevalTruncatedFromSeconds(double seconds, const char* what) {
+   KORVO_ASSERT(!std::isnan(seconds), what << ": seconds is NaN");
+   if (!(seconds > 0.0)) {
+      return timeval{0, 0};
+   }
+   seconds = std::min(seconds, Platform::maxDelaySeconds);
+   const double whole = std::trunc(seconds);
+   timeval tv;
+   tv.tv_sec = static_cast<time_t>(whole);
+   tv.tv_usec = static_cast<suseconds_t>((seconds - whole) * 1e6);
+   return tv;
+}
+
 // ---- The thread's event base.
 
 void setMainThread() {
@@ -135,14 +149,49 @@ event_base* makeBase() {
    return base;
 }
 
+// The base and who frees it. Shared by the thread that made or adopted it and by every
+// control made on that thread; the last share to go frees a base we made, and one we
+// adopted only if leFree() asked for it.
+struct BaseOwnership {
+   BaseOwnership(event_base* b, bool ours) : base(b), freeOnRelease(ours) {}
+   BaseOwnership(const BaseOwnership&) = delete;
+   BaseOwnership& operator=(const BaseOwnership&) = delete;
+   event_base* base;
+   bool freeOnRelease;
+   ~BaseOwnership() {
+      if (freeOnRelease) {
+         event_base_free(base);
+      }
+   }
+};
+
+// The thread's own share, dropped when the thread ends. Touched only when a base is made,
+// adopted or freed, so the event path never pays for its initialisation check.
+struct ThreadShare {
+   std::shared_ptr<BaseOwnership> ownership;
+   ~ThreadShare() { leState.base = nullptr; }
+};
+thread_local ThreadShare threadShare_;
+
+void shareBase(event_base* base, bool ours) {
+   threadShare_.ownership = makeShared<BaseOwnership>(base, ours);
+   leState.base = base;
+   setMainThread();
+}
+
 }  // namespace
 
 void leInit() {
    if (leState.base != nullptr) {
       return;
    }
-   leState.base = makeBase();
-   setMainThread();
+   shareBase(makeBase(), true);
+}
+
+std::shared_ptr<event_base> leBaseShare() {
+   leInit();
+   const std::shared_ptr<BaseOwnership>& ownership = threadShare_.ownership;
+   return std::shared_ptr<event_base>(ownership, ownership->base);
 }
 
 void leRegisterBase(event_base* base) {
@@ -152,8 +201,11 @@ void leRegisterBase(event_base* base) {
                                              << " base already exists: "
                                              << DisplayPointer(leState.base));
    }
-   leState.base = base;
-   setMainThread();
+   if (leState.base == base) {
+      setMainThread();
+      return;
+   }
+   shareBase(base, false);
 }
 
 void leFree() {
@@ -161,8 +213,28 @@ void leFree() {
       return;
    }
    KORVO_ASSERT(!leLoopRunning(), "leFree called from inside the running event loop");
-   event_base_free(leState.base);
+   // Freed at once unless a control still holds a share: then when the last one goes.
+   threadShare_.ownership->freeOnRelease = true;
+   threadShare_.ownership.reset();
    leState.base = nullptr;
+}
+
+// ---- Controls' thread.
+
+LeOwner::LeOwner() : base_(leBaseShare()), tid_(gettid()), pid_(::getpid()) {}
+
+void LeOwner::failWrongThread(const char* operation) const {
+   if (__atomic_load_n(&auxThreadCount, __ATOMIC_RELAXED) != 0) {
+      return;
+   }
+   // A forked child goes on using its parent's structures in its single thread, as the
+   // scheduler's own check allows.
+   if (::getpid() != pid_) {
+      return;
+   }
+   KORVO_FAIL("Executing in wrong thread " << threadName() << "(" << gettid() << ") pid "
+                                           << ::getpid() << ": " << operation
+                                           << " on a control that belongs to thread " << tid_);
 }
 
 bool leInitialized() {
@@ -188,18 +260,18 @@ void leForkReinit() {
 
 LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler)
     : timeoutHandler_(handler) {
-   leInit();
    // Assigned once for good: the callback and its argument never change, so arming
    // is a bare event_add.
-   event_assign(&event_, leState.base, -1, 0, &LibeventTimerControl::handleTimeout, this);
+   event_assign(&event_, owner_.base(), -1, 0, &LibeventTimerControl::handleTimeout, this);
 }
 
 LibeventTimerControl::~LibeventTimerControl() {
-   LibeventTimerControl::delTimeout();
+   disarm();
    event_debug_unassign(&event_);
 }
 
 void LibeventTimerControl::setTimeout(double seconds) {
+   owner_.check("setTimeout");
    const timeval delay = timevalFromSeconds(seconds, "LibeventTimerControl::setTimeout");
    KORVO_LE_TRACE(9, "LibeventTimerControl::setTimeout",
                   "Timer " << DisplayPointer(this) << " set timeout " << seconds);
@@ -209,12 +281,18 @@ void LibeventTimerControl::setTimeout(double seconds) {
 }
 
 void LibeventTimerControl::delTimeout() {
+   owner_.check("delTimeout");
+   disarm();
+}
+
+void LibeventTimerControl::disarm() {
    KORVO_LE_TRACE(9, "LibeventTimerControl::delTimeout",
                   "Timer " << DisplayPointer(this) << " del timeout");
    event_del(&event_);
 }
 
 bool LibeventTimerControl::pending() const {
+   owner_.check("pending");
    return event_pending(&event_, EV_TIMEOUT, nullptr) != 0;
 }
 
@@ -260,7 +338,8 @@ LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* hand
     : LibeventTimerControl(this), callbackHandler_(handler) {}
 
 LibeventCallbackControl::~LibeventCallbackControl() {
-   LibeventCallbackControl::cancelCallback();
+   KORVO_LE_TRACE(9, "LibeventCallbackControl::cancelCallback",
+                  "Callback " << DisplayPointer(this) << " cancel");
 }
 
 void LibeventCallbackControl::requestCallback() {
@@ -299,13 +378,12 @@ void LibeventCallbackControl::timeout() {
 // ---- Descriptor control.
 
 LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : fdHandler_(handler) {
-   leInit();
-   event_assign(&readEvent_, leState.base, -1, 0, &LibeventFdControl::handleFdRead, this);
-   event_assign(&writeEvent_, leState.base, -1, 0, &LibeventFdControl::handleFdWrite, this);
+   event_assign(&readEvent_, owner_.base(), -1, 0, &LibeventFdControl::handleFdRead, this);
+   event_assign(&writeEvent_, owner_.base(), -1, 0, &LibeventFdControl::handleFdWrite, this);
 }
 
 LibeventFdControl::~LibeventFdControl() {
-   LibeventFdControl::delFd();
+   disarm();
    event_debug_unassign(&readEvent_);
    event_debug_unassign(&writeEvent_);
 }
@@ -343,6 +421,7 @@ void LibeventFdControl::armWrite() {
 }
 
 void LibeventFdControl::setFd(int fd) {
+   owner_.check("setFd");
    const int flags = fcntl(fd, F_GETFL);
    KORVO_ASSERT(flags >= 0, "flags >= 0 (fd " << fd << ": " << std::strerror(errno) << ")");
    const int result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
@@ -360,6 +439,7 @@ void LibeventFdControl::setFd(int fd) {
 }
 
 void LibeventFdControl::setReads(bool on) {
+   owner_.check("setReads");
    reads_ = on;
    if (fd_ < 0) {
       return;
@@ -372,6 +452,7 @@ void LibeventFdControl::setReads(bool on) {
 }
 
 void LibeventFdControl::setWrites(bool on) {
+   owner_.check("setWrites");
    writes_ = on;
    if (fd_ < 0) {
       return;
@@ -384,14 +465,21 @@ void LibeventFdControl::setWrites(bool on) {
 }
 
 void LibeventFdControl::clearEvents() {
+   owner_.check("clearEvents");
    disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
    disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
 }
 
 void LibeventFdControl::delFd() {
+   owner_.check("delFd");
+   disarm();
+}
+
+void LibeventFdControl::disarm() {
    KORVO_LE_TRACE(9, "LibeventFdControl::delFd",
                   "Fd " << DisplayPointer(this) << " del fd " << fd_);
-   clearEvents();
+   disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
+   disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
    fd_ = -1;
 }
 
@@ -432,14 +520,17 @@ void LibeventFdControl::handleWrite() {
 // ---- Factories.
 
 std::shared_ptr<LibeventTimerControl> getLeTimerControl(Platform::TimeoutHandler* handler) {
+   KORVO_ASSERT(handler != nullptr, "getTimerControl: null handler");
    return makeShared<LibeventTimerControl>(handler);
 }
 
 std::shared_ptr<LibeventCallbackControl> getLeCallbackControl(Platform::CallbackHandler* handler) {
+   KORVO_ASSERT(handler != nullptr, "getCallbackControl: null handler");
    return makeShared<LibeventCallbackControl>(handler);
 }
 
 std::shared_ptr<LibeventFdControl> getLeFdControl(Platform::FdEventHandler* handler) {
+   KORVO_ASSERT(handler != nullptr, "getFdControl: null handler");
    return makeShared<LibeventFdControl>(handler);
 }
 

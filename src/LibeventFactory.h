@@ -12,6 +12,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 #include <sys/time.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <ctime>
@@ -58,6 +59,36 @@ inline double libraryTime() {
 // Sets leState.mainThread from isMainThread().
 void setMainThread();
 
+// A share in this thread's base (made if there is none). The thread holds one share
+// until it ends or calls leFree(), every control one more for its lifetime; the base
+// is freed when the last share goes, unless it was adopted with leRegisterBase() and
+// leFree() was never called for it (its maker frees it then).
+KORVO_EXPORT std::shared_ptr<event_base> leBaseShare();
+
+// What a control knows of the thread it belongs to: a share in that thread's base,
+// which keeps the base alive as long as the control, and the thread's id for the
+// failure message. check() is the whole cost of the thread check on the event path:
+// one thread-local load and compare, and no call unless they differ.
+class KORVO_EXPORT LeOwner {
+public:
+   LeOwner();
+   event_base* base() const { return base_.get(); }
+   void check(const char* operation) const {
+      if (__builtin_expect(leState.base != base_.get(), 0)) {
+         failWrongThread(operation);
+      }
+   }
+
+private:
+   // Fails "Executing in wrong thread ..." unless auxThreadCount is non-zero or this
+   // is a forked child.
+   [[gnu::cold, gnu::noinline]] void failWrongThread(const char* operation) const;
+
+   std::shared_ptr<event_base> base_;
+   pid_t tid_;
+   pid_t pid_;
+};
+
 // libevent's log callback: "libevent: " and the message on leDebug(), at level 9, 5, 1
 // or 0 for debug, msg, warn and err; any other severity is an assertion failure.
 KORVO_EXPORT void le_debug_cb(int severity, const char* msg);
@@ -67,6 +98,9 @@ KORVO_EXPORT void le_fatal_cb(int err);
 // A delay in seconds as a timeval: to the nearest microsecond, negative as 0, above
 // Platform::maxDelaySeconds clamped. NaN is an assertion failure naming `what`.
 KORVO_EXPORT timeval timevalFromSeconds(double seconds, const char* what);
+// As timevalFromSeconds, but the microseconds are truncated: a virtual-time jump never
+// goes further than it was asked to.
+KORVO_EXPORT timeval timevalTruncatedFromSeconds(double seconds, const char* what);
 inline double secondsFromTimeval(const timeval& tv) {
    return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
 }
@@ -91,6 +125,7 @@ KORVO_EXPORT timeval timevalFromMicros(int64_t micros);
 KORVO_EXPORT void event_base_now(event_base* base, timeval* now);
 // 0 and the earliest expiry among the base's pending timeouts (including timeouts that
 // have expired but whose callbacks have not run yet), or -1 when none is pending.
+// Neither this nor the shift below sees our loop runners' break events.
 // O(number of events in the base).
 KORVO_EXPORT int event_base_get_first_timeout(event_base* base, timeval* first);
 // Moves every pending timeout of `base` `delta` earlier, keeping their order; returns
@@ -122,7 +157,12 @@ public:
    static void handleTimeout(evutil_socket_t, short, void* control);
 
 private:
+   // Unchecked: also called by the destructor, which may run on any thread once the
+   // control's own thread has ended.
+   void disarm();
+
    Platform::TimeoutHandler* timeoutHandler_;
+   LeOwner owner_;
    event event_;
 };
 
@@ -167,10 +207,12 @@ public:
 private:
    void armRead();
    void armWrite();
+   void disarm();
    void handleRead();
    void handleWrite();
 
    Platform::FdEventHandler* fdHandler_;
+   LeOwner owner_;
    int fd_ = -1;
    bool reads_ = true;
    bool writes_ = false;
@@ -209,10 +251,6 @@ inline void callFromLoop(Call&& call) {
       parkLoopException();
    }
 }
-
-// Runs the loop for `seconds` of real time behind a break event, which is removed
-// again however the dispatch ends.
-KORVO_EXPORT void eventLoopTimeout(double seconds);
 
 // ---- Virtual time.
 

@@ -69,8 +69,13 @@ struct Walk {
 // event's period from the time it is added with, and its public interface has no way
 // to move the expiry alone, so moving one would change its period for good (and a
 // negative remaining time would make it fire on every pass).
+//
+// Our loop runners' break events are not timers either: the end of a span of real
+// time must not be moved by a jump (the loop would end early), and the end of a pass
+// is no timer for the loop to jump to.
 bool movable(const Walk& walk, const event* ev, timeval* expiry) {
    return ev != walk.skip && (event_get_events(ev) & EV_PERSIST) == 0 &&
+          event_get_callback(ev) != &EvLoopBreak::handleBaseLoopBreak &&
           event_pending(ev, EV_TIMEOUT, expiry);
 }
 

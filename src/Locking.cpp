@@ -4,6 +4,7 @@
 #include "Korvo/Debug.h"
 #include "Korvo/Exception.h"
 
+#include <atomic>
 #include <system_error>
 #include <thread>
 
@@ -25,20 +26,30 @@ void initMutex(pthread_mutex_t& mutex, int kind) {
 }
 
 // Both lock classes record the owner after taking the mutex and clear it
-// before releasing it.
+// before releasing it. owns_lock() reads the owner without holding the mutex,
+// hence atomic accesses; relaxed is enough, as a thread can only ever find its own
+// id there if it wrote it itself.
+pthread_t ownerOf(const pthread_t& owner) {
+   return std::atomic_ref<pthread_t>(const_cast<pthread_t&>(owner)).load(std::memory_order_relaxed);
+}
+
+void ownerIs(pthread_t& owner, pthread_t thread) {
+   std::atomic_ref<pthread_t>(owner).store(thread, std::memory_order_relaxed);
+}
+
 void lockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
    const int rc = pthread_mutex_lock(&mutex);
    if (rc != 0) {
       throw std::system_error(rc, std::generic_category());
    }
-   owner = pthread_self();
+   ownerIs(owner, pthread_self());
 }
 
 bool tryLockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
    if (pthread_mutex_trylock(&mutex) != 0) {
       return false;
    }
-   owner = pthread_self();
+   ownerIs(owner, pthread_self());
    return true;
 }
 
@@ -61,17 +72,17 @@ bool Lock::try_lock() {
 }
 
 bool Lock::owns_lock() const {
-   return pthread_equal(owner_, pthread_self()) != 0;
+   return pthread_equal(ownerOf(owner_), pthread_self()) != 0;
 }
 
 void Lock::unlock() {
    KORVO_ASSERT(owns_lock(),
                 "Korvo::Locking::Lock::unlock() attempting to release a lock that is not "
                 "currently held, owner:"
-                    << threadId(owner_) << " me:" << threadId(pthread_self()));
+                    << threadId(ownerOf(owner_)) << " me:" << threadId(pthread_self()));
    // Cleared before the release, so no thread can see itself as owner of a lock
    // it no longer holds.
-   owner_ = 0;
+   ownerIs(owner_, 0);
    pthread_mutex_unlock(&mutex_);
 }
 
@@ -92,7 +103,7 @@ bool RecursiveLock::try_lock() {
 }
 
 bool RecursiveLock::owns_lock() const {
-   return pthread_equal(owner_, pthread_self()) != 0;
+   return pthread_equal(ownerOf(owner_), pthread_self()) != 0;
 }
 
 // glibc keeps the recursion depth of a recursive mutex in the mutex itself; we
@@ -106,10 +117,10 @@ void RecursiveLock::unlock() {
    KORVO_ASSERT(owns_lock() && count != 0,
                 "Korvo::Locking::RecursiveLock::unlock() attempting to release a lock that is "
                 "not currently held, owner:"
-                    << threadId(owner_) << " me:" << threadId(pthread_self())
+                    << threadId(ownerOf(owner_)) << " me:" << threadId(pthread_self())
                     << " lockCount:" << count);
    if (count == 1) {
-      owner_ = 0;
+      ownerIs(owner_, 0);
    }
    pthread_mutex_unlock(&mutex_);
 }

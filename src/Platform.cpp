@@ -53,7 +53,7 @@ void registerFastForwardChangeNotifier(void (*notifier)()) {
 
 void fastForwardBy(double seconds) {
    KORVO_ASSERT(leFastForward(), "Korvo::Platform::fastForwardBy( Time ) fast-forwarding disabled");
-   const timeval delta = timevalFromSeconds(seconds, "Korvo::Platform::fastForwardBy");
+   const timeval delta = timevalTruncatedFromSeconds(seconds, "Korvo::Platform::fastForwardBy");
    applyFastForwardDelta(&delta);
 }
 

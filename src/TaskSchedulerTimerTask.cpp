@@ -7,6 +7,7 @@
 
 #include "TaskSchedulerDebug.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -141,7 +142,7 @@ void TimerTask::stopTimerTask() {
       KORVO_TRACE(taskSchedulerDebug, 9, "Timer stopped " << this << ", was not running");
    }
    unscheduleTaskPrivate(now);
-   taskBusyIs(taskScheduled(), now);
+   taskBusyIs(false, now);  // neither armed nor queued
 }
 
 void TimerTask::timeout() {
@@ -193,12 +194,13 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool replace) {
    if (replace) {
       unscheduleTaskPrivate(now);
    }
-   const double seconds = toSeconds(delay);
+   // Clamped as the event-loop timers clamp: a wheel tick of 1e300 s does not exist.
+   const double seconds = std::min(toSeconds(delay), Platform::maxDelaySeconds);
    if (doStartTimer(seconds, replace)) {
       timerRunning_ = true;
       KORVO_TRACE(taskSchedulerDebug, 8, "Timer started " << this << " delay " << seconds);
       recordEvent(now, EventType::timerStart);
-      taskBusyIs(taskScheduled(), now);
+      taskBusyIs(true, now);  // armed
       return;
    }
    KORVO_TRACE(taskSchedulerDebug, 8,

@@ -6,8 +6,10 @@
 
 #include <csignal>
 #include <map>
+#include <mutex>
 #include <random>
 #include <regex>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -267,6 +269,44 @@ TEST(DebugTest, DisplayAids) {
                                           fmt::make_format_args(n)),
              "file.cpp:12: n=5");
 }
+
+// Trace sites read masks and line fields that other threads change: under
+// ThreadSanitizer this is where a missing lock or a plain read shows.
+TEST(DebugTest, ThreadsTraceWhileLevelsAndFormatChange) {
+   Handler handler = Korvo::Platform::getDebugHandler("KorvoDebugTestThreads");
+   Korvo::Locking::Lock lock;
+   testing::internal::CaptureStderr();
+   std::vector<std::thread> threads;
+   for (int t = 0; t < 2; ++t) {
+      threads.emplace_back([&handler, &lock, t] {
+         for (int i = 0; i < 200; ++i) {
+            KORVO_TRACE(handler, 3, "thread " << t << " line " << i);
+            KORVO_FMTRACE(handler, 3, "thread {} line {}", t, i);
+            EXPECT_FALSE(lock.owns_lock());
+         }
+      });
+   }
+   for (int i = 0; i < 100; ++i) {
+      Korvo::Platform::setupKorvoDebug("KorvoDebugTestThreads/3");
+      Korvo::Platform::setTraceFormat(i % 2 ? "tid,level" : "handle");
+      std::lock_guard<Korvo::Locking::Lock> held(lock);
+      Korvo::Platform::clearKorvoDebug("KorvoDebugTestThreads/3");
+   }
+   for (std::thread& thread : threads) {
+      thread.join();
+   }
+   testing::internal::GetCapturedStderr();
+   Korvo::Platform::clearTraceFormat();
+   EXPECT_FALSE(handler->enabled(3));
+}
+
+#ifdef KORVO_FMTRACE_MISMATCH
+// Compiled only by the FmtraceMismatchDoesNotCompile test, which expects the build
+// to fail: the format wants two arguments and gets one.
+void mismatchedTrace(const Handler& handler) {
+   KORVO_FMTRACE(handler, 3, "{} and {}", 1);
+}
+#endif
 
 // Environment read at load: each case runs the trace child with its own variables.
 class TraceEnvTest : public ::testing::Test {

@@ -111,6 +111,23 @@ TEST(LibeventBaseTest, EachThreadMakesItsBaseLazilyAndFreesItOnRequest) {
    EXPECT_EQ(Korvo::leBase(), mine);
 }
 
+TEST(LibeventBaseTest, ThreadsBaseIsFreedWhenTheThreadEndsAndNoControlNeedsIt) {
+   std::weak_ptr<event_base> idle;
+   std::weak_ptr<event_base> used;
+   std::shared_ptr<Korvo::Platform::TimerControl> kept;
+   Timer handler;  // made here, so that its own control belongs to this thread
+   onNewThread([&idle] { idle = Korvo::leBaseShare(); });
+   EXPECT_TRUE(idle.expired());
+   onNewThread([&used, &kept, &handler] {
+      used = Korvo::leBaseShare();
+      kept = Korvo::Platform::getTimerControl(&handler);
+      kept->setTimeout(60.0);
+   });
+   EXPECT_FALSE(used.expired());  // a control outlives its thread and still needs it
+   kept.reset();
+   EXPECT_TRUE(used.expired());
+}
+
 TEST(LibeventBaseTest, RegisteringABase) {
    onNewThread([] {
       event_base* base = event_base_new();
@@ -265,6 +282,26 @@ TEST(LibeventLoopTest, BoundedLoopRunsItsSpanAndRemovesItsBreakEvent) {
    EXPECT_THROW(Korvo::Platform::doEventLoop(3600.0), std::runtime_error);
    EXPECT_EQ(timer.fired, 1);
    EXPECT_EQ(addedEvents(), 0);  // the break event is gone too
+}
+
+TEST(LibeventLoopTest, BreakEventsAreNeitherTimersNorMovedByJumps) {
+   Korvo::leInit();
+   Timer jumper;
+   Timer after;
+   int firstTimeouts = -2;
+   jumper.onTimeout = [&firstTimeouts, &after] {
+      timeval first;
+      firstTimeouts = Korvo::event_base_get_first_timeout(Korvo::leBase(), &first);
+      Korvo::Platform::setFastForward(true);
+      Korvo::Platform::fastForwardBy(100.0);
+      Korvo::Platform::setFastForward(false);
+      after.control->setTimeout(0.001);
+   };
+   jumper.control->setTimeout(0.0);
+   // The span is real time: the jump inside it neither ends it early nor lengthens it.
+   Korvo::eventLoopTimeout(0.5);
+   EXPECT_EQ(firstTimeouts, -1);  // only the loop's own end was pending
+   EXPECT_EQ(after.fired, 1);
 }
 
 TEST(LibeventLoopTest, LoopCallFromInsideAHandlerIsRefused) {

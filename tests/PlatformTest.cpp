@@ -2,6 +2,7 @@
 #include <Korvo/Platform.h>
 
 #include <Korvo/IntrospectionMap.h>
+#include <Korvo/TaskScheduler.h>
 
 #include "PlatformTestSupport.h"
 
@@ -17,6 +18,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 using Korvo::Platform::CallbackControl;
@@ -118,6 +120,44 @@ char readByte(int fd) {
    char c = 0;
    EXPECT_EQ(::read(fd, &c, 1), 1);
    return c;
+}
+
+// ---- Every control.
+
+TEST(ControlThreadTest, UseFromAnotherThreadAndNullHandlersFail) {
+   Timer timer;
+   Callback callback;
+   FdWatcher watcher;
+   Pipe pipe;
+   const std::vector<std::function<void()>> uses = {
+       [&] { timer.control->setTimeout(1.0); },
+       [&] { timer.control->delTimeout(); },
+       [&] { callback.control->requestCallback(); },
+       [&] { callback.control->cancelCallback(); },
+       [&] { watcher.control->setFd(pipe.readFd()); },
+       [&] { watcher.control->setWrites(true); },
+       [&] { watcher.control->delFd(); },
+   };
+   std::thread([&uses] {
+      for (size_t i = 0; i < uses.size(); ++i) {
+         EXPECT_THAT(assertionText(uses[i]), HasSubstr("Executing in wrong thread ")) << i;
+      }
+      // The embedding program's switch for threads that share the loop's objects.
+      Korvo::auxThreadCount = 1;
+      EXPECT_EQ(assertionText(uses[0]), "");
+      EXPECT_EQ(assertionText(uses[1]), "");
+      Korvo::auxThreadCount = 0;
+   }).join();
+   for (const auto& use : uses) {
+      EXPECT_EQ(assertionText(use), "");
+   }
+
+   EXPECT_THAT(assertionText([] { Korvo::Platform::getTimerControl(nullptr); }),
+               HasSubstr("getTimerControl: null handler"));
+   EXPECT_THAT(assertionText([] { Korvo::Platform::getCallbackControl(nullptr); }),
+               HasSubstr("getCallbackControl: null handler"));
+   EXPECT_THAT(assertionText([] { Korvo::Platform::getFdControl(nullptr); }),
+               HasSubstr("getFdControl: null handler"));
 }
 
 // ---- Timer control.

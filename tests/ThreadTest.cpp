@@ -65,9 +65,13 @@ TEST_F(ThreadTest, SingletonChoiceIsSettledByTheFirstLookup) {
 
 TEST_F(ThreadTest, ForkedChildKnowsItIsOne) {
    EXPECT_FALSE(Korvo::Platform::isForkedChild());
+   ASSERT_EQ(Korvo::gettid(), ::getpid());  // cached in the parent before the fork
    const pid_t pid = ::fork();
    if (pid == 0) {
-      ::_exit(Korvo::Platform::isForkedChild() ? 0 : 1);
+      // The forking thread is the child's main thread, under the child's id.
+      const bool ok = Korvo::Platform::isForkedChild() && Korvo::gettid() == ::getpid() &&
+                      Korvo::isMainThread();
+      ::_exit(ok ? 0 : 1);
    }
    int status = 0;
    ::waitpid(pid, &status, 0);

@@ -15,6 +15,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -265,6 +266,33 @@ TEST_F(TimerTaskTest, TransitionsStatusHistoryAndExpirationTimes) {
    EXPECT_TRUE(t->runTimes.empty());
 }
 
+TEST_F(TimerTaskTest, TracesOnTheSchedulersHandler) {
+   auto t = timer("traced");
+   Korvo::Platform::setTraceFormat("level");
+   Korvo::Platform::setupKorvoDebug("TaskScheduler/89");
+   testing::internal::CaptureStderr();
+   t->scheduleTaskDelay(3.0);
+   t->scheduleTaskLowestDelay(5.0);
+   t->scheduleTaskJitterUp(2.0, 0);
+   t->stopTimerTask();
+   t->stopTimerTask();
+   t->scheduleTask();
+   t->scheduleTaskLowestDelay(1.0);
+   const std::string text = testing::internal::GetCapturedStderr();
+   Korvo::Platform::clearKorvoDebug("TaskScheduler/89");
+   Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
+   std::ostringstream task;
+   task << static_cast<const Korvo::_TaskBase*>(t.get());
+   for (const std::string& line :
+        {"8 Timer started " + task.str() + " delay 3", "8 Timer already running " + task.str(),
+         "9 Timer jitterUp " + task.str() + " delay 2 + 0 = 2",
+         "9 Timer stopped " + task.str() + ", was running",
+         "9 Timer stopped " + task.str() + ", was not running",
+         "8 Already on runQueue " + task.str()}) {
+      EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+   }
+}
+
 TEST_F(TimerTaskTest, BadDelaysFailWithTheirMessages) {
    auto t = timer("bad");
    using KorvoTest::assertionText;
@@ -291,6 +319,8 @@ TEST_F(TimerTaskTest, BadDelaysFailWithTheirMessages) {
    t->scheduleTaskJitterUp(std::chrono::nanoseconds(std::chrono::hours(24 * 60)), 100);
    EXPECT_GE(t->timerRemaining(), 24.0 * 60 * 3600 - 1);
    EXPECT_LE(t->timerRemaining(), 2 * 24.0 * 60 * 3600);
+   t->scheduleTaskDelay(1e300);
+   EXPECT_LE(t->timerRemaining(), Korvo::Platform::maxDelaySeconds);
    std::string wrongThread;
    std::thread([&] { wrongThread = assertionText([&] { t->scheduleTaskDelay(1.0); }); }).join();
    EXPECT_NE(wrongThread.find("Executing in wrong thread "), std::string::npos);

@@ -186,6 +186,11 @@ TEST(VirtualTimeTest, FastForwardByMovesClockAndTimers) {
    EXPECT_EQ(soon.firedAt.size(), 1u);
    EXPECT_TRUE(later.firedAt.empty());
 
+   // The rest below a microsecond is cut off, not rounded.
+   const double before = Korvo::leVirtualTimeOffset();
+   Korvo::Platform::fastForwardBy(1.2345678);
+   EXPECT_EQ(std::llround((Korvo::leVirtualTimeOffset() - before) * 1e6), 1234567);
+
    // Backwards is not a direction: a negative jump moves nothing.
    const double offset = Korvo::leVirtualTimeOffset();
    Korvo::Platform::fastForwardBy(-3.0);

@@ -18,6 +18,7 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -43,7 +44,23 @@ public:
    virtual void dump(DebugStream& stream, unsigned level, const char* file, int line,
                      const char* func) const = 0;
 
-   bool enabled(unsigned level) const { return (*levelsPtr >> level) & 1u; }
+   // Trace sites read the mask without a lock while the registry may change it: a
+   // relaxed atomic load, which is the same single plain load on x86-64. A site may
+   // see a change a little late, never a torn mask.
+   bool enabled(unsigned level) const {
+      return (std::atomic_ref<uint32_t>(*levelsPtr).load(std::memory_order_relaxed) >> level) & 1u;
+   }
+   // Switch levels of `levels` (not of an outside word) for sites reading concurrently.
+   void levelsOr(uint32_t bits) {
+      std::atomic_ref<uint32_t>(levels).fetch_or(bits, std::memory_order_relaxed);
+   }
+   void levelsAndNot(uint32_t bits) {
+      std::atomic_ref<uint32_t>(levels).fetch_and(~bits, std::memory_order_relaxed);
+   }
+   uint32_t levelsNow() const {
+      return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(levels))
+          .load(std::memory_order_relaxed);
+   }
 
    uint32_t levels;
    // What trace sites test; points at `levels` unless built over an outside word.
@@ -222,6 +239,17 @@ KORVO_EXPORT std::string vformatstr(const char* file, int line, bool withClass,
                                     const char* funcName, const char* className,
                                     fmt::string_view format, fmt::format_args args);
 
+// What the fmt-style trace macros call on an enabled site. The format string is
+// checked against the arguments at compile time, so a wrong argument list is a build
+// error rather than an exception (and a terminated daemon) once tracing is on.
+template <typename... Args>
+void fmtrace(const void* handler, unsigned level, const char* file, bool withClass,
+             const char* funcName, const char* className, int line,
+             fmt::format_string<Args...> format, Args&&... args) noexcept {
+   vfmtrace(handler, level, file, withClass, funcName, className, line, format,
+            fmt::make_format_args(args...));
+}
+
 }  // namespace Fmt::Impl
 
 namespace Fmtrace::Impl {
@@ -283,26 +311,27 @@ private:
       }                                                                          \
    } while (0)
 
-// fmt-style trace: KORVO_FMTRACE(handler, level, "x={} y={}", x, y).
-#define KORVO_FMTRACE(handler, level, format, ...)                                                \
+// fmt-style trace: KORVO_FMTRACE(handler, level, "x={} y={}", x, y). The format must be
+// a constant string; it is checked against the arguments at compile time.
+#define KORVO_FMTRACE(handler, level, format, ...)                                               \
+   do {                                                                                          \
+      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                      \
+          ::Korvo::Platform::Impl::handlerRef(handler);                                          \
+      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                    \
+         ::Korvo::Fmt::Impl::fmtrace(&korvoTraceH_, (level), __FILE__, false, __func__, nullptr, \
+                                     __LINE__, format __VA_OPT__(, ) __VA_ARGS__);               \
+      }                                                                                          \
+   } while (0)
+
+// As KORVO_FMTRACE, prefixed with "Class::function() ".
+#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...)                               \
    do {                                                                                           \
       const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                       \
           ::Korvo::Platform::Impl::handlerRef(handler);                                           \
       if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                     \
-         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, false, __func__, nullptr, \
-                                      __LINE__, format, fmt::make_format_args(__VA_ARGS__));      \
+         ::Korvo::Fmt::Impl::fmtrace(&korvoTraceH_, (level), __FILE__, true, __func__, className, \
+                                     __LINE__, format __VA_OPT__(, ) __VA_ARGS__);                \
       }                                                                                           \
-   } while (0)
-
-// As KORVO_FMTRACE, prefixed with "Class::function() ".
-#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...)                                \
-   do {                                                                                            \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                        \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                            \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                      \
-         ::Korvo::Fmt::Impl::vfmtrace(&korvoTraceH_, (level), __FILE__, true, __func__, className, \
-                                      __LINE__, format, fmt::make_format_args(__VA_ARGS__));       \
-      }                                                                                            \
    } while (0)
 
 #endif

@@ -105,7 +105,11 @@ constexpr double maxDelaySeconds = 1e9;
 
 // Controls on the calling thread's event loop (made on first use). A control and its
 // handler belong to that thread; the control registers nothing until armed and
-// withdraws everything it registered when destroyed.
+// withdraws everything it registered when destroyed. Any operation on it from another
+// thread is an assertion failure ("Executing in wrong thread ...") unless the exported
+// auxThreadCount (Korvo/TaskScheduler.h) is non-zero or the process is a forked child
+// of the one that made the control; the check costs one thread-local compare. Destroying it is allowed on any thread once its own thread has ended. A
+// null handler is an assertion failure.
 KORVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
 KORVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
@@ -184,10 +188,13 @@ KORVO_EXPORT void leInit();
 // Adopts a base made by other code as this thread's base. Registering the base this
 // thread already has is harmless; registering a different one is an assertion failure.
 KORVO_EXPORT void leRegisterBase(event_base* base);
-// Frees this thread's base, if any, and forgets it. Every control made on this thread
-// must be destroyed first; calling it from a handler of the running loop is an
-// assertion failure. A base is never freed behind the caller's back: a thread
-// that made one and ends without leFree() leaves it allocated.
+// Frees this thread's base, if any, and forgets it; the next control or loop call makes
+// a new one. Calling it from a handler of the running loop is an assertion failure.
+// Every control holds a share in its thread's base: while one exists the base is kept
+// (and freed when the last such control is destroyed), so a control outliving leFree()
+// or its thread stays safe to destroy, though no longer usable. A thread that ends
+// frees the base it made in the same way; a base adopted with leRegisterBase() is
+// freed only by leFree(), otherwise its maker frees it.
 KORVO_EXPORT void leFree();
 KORVO_EXPORT bool leInitialized();
 // This thread's base, or null before leInit()/leRegisterBase().
@@ -200,6 +207,15 @@ KORVO_EXPORT void leForkReinit();
 KORVO_EXPORT void doLeEventLoop();
 KORVO_EXPORT void doLeEventLoop(double seconds);
 KORVO_EXPORT void doLeEventLoopInWaitfor(double seconds);
+// Runs this thread's loop for `seconds` of real time, whatever the fast-forward switch
+// says: nothing jumps, and virtual-time jumps made by handlers meanwhile do not
+// shorten the span. Returns early only when something else breaks or exits the loop
+// (a declined handler exception, which is then rethrown here). The span is kept to the
+// nearest microsecond; negative counts as 0 (one pass over what is due), NaN is an
+// assertion failure. The loop's end is a timer event of its own, removed again however
+// the dispatch ends; it keeps the loop alive when nothing else is registered. Calling
+// it from inside a handler of the running loop is an assertion failure.
+KORVO_EXPORT void eventLoopTimeout(double seconds);
 
 KORVO_EXPORT void setLeFastForward(bool on);
 KORVO_EXPORT bool leFastForward();

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the built library into a scratch prefix and builds a consumer against
-# it twice: with find_package(Korvo) and with pkg-config.
+# it twice: with find_package(Korvo) and with pkg-config. Neither consumer asks
+# for a language standard of its own: the package must carry C++20 to it.
 set -euo pipefail
 build_dir=$1
 source_dir=$2
@@ -16,7 +17,7 @@ LD_LIBRARY_PATH="$libdir" "$prefix/consumer/consumer"
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
-c++ -std=c++20 "$source_dir/main.cpp" -o "$prefix/pc-consumer" $(pkg-config --cflags --libs korvo)
+c++ "$source_dir/main.cpp" -o "$prefix/pc-consumer" $(pkg-config --cflags --libs korvo)
 LD_LIBRARY_PATH="$libdir" "$prefix/pc-consumer"
 readelf -d "$libdir/libKorvo.so.0" | grep -q 'SONAME.*libKorvo.so.0'
 echo "install check passed"

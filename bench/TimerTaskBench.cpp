@@ -1,0 +1,301 @@
+// Timer tasks and task-backed controls against what they are built on.
+//
+// - Arming: scheduleTaskDelay + stopTimerTask of an idle timer task while 100k timer
+//   tasks are armed, beside the wheel's own timerStart + timerStop and a libevent timer
+//   control's setTimeout + delTimeout, each with 100k armed timers of its kind.
+// - Expiry to run: 100k timer tasks due at once, from the master timer's firing to the
+//   last taskExecute(), beside 100k libevent timer controls firing their handlers.
+// - Fd ping-pong: one byte each way over a socketpair, both ends served by task-backed
+//   fd controls, beside both ends served by libevent fd controls.
+// Heap allocations per operation are counted through a replaced global operator new.
+
+#include <Korvo/Allocator.h>
+#include <Korvo/Platform.h>
+#include <Korvo/TaskControl.h>
+#include <Korvo/TaskScheduler.h>
+#include <Korvo/TimerTask.h>
+#include <Korvo/TimerWheel.h>
+
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <random>
+#include <vector>
+
+namespace {
+std::atomic<uint64_t> allocations{0};
+
+__attribute__((noinline)) void* countedAlloc(std::size_t size, std::size_t align) {
+   allocations.fetch_add(1, std::memory_order_relaxed);
+   void* p = nullptr;
+   if (posix_memalign(&p, align < sizeof(void*) ? sizeof(void*) : align, size == 0 ? 1 : size) !=
+       0) {
+      throw std::bad_alloc();
+   }
+   return p;
+}
+__attribute__((noinline)) void release(void* p) noexcept {
+   std::free(p);
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+   return countedAlloc(size, alignof(std::max_align_t));
+}
+void* operator new(std::size_t size, std::align_val_t align) {
+   return countedAlloc(size, static_cast<std::size_t>(align));
+}
+void operator delete(void* p) noexcept {
+   release(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+   release(p);
+}
+void operator delete(void* p, std::align_val_t) noexcept {
+   release(p);
+}
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
+   release(p);
+}
+
+namespace {
+
+using Korvo::TaskPriority;
+namespace P = Korvo::Platform;
+
+constexpr size_t kArmed = 100000;
+constexpr size_t kDelays = 4096;
+
+std::vector<double> randomDelays(size_t n) {
+   std::mt19937_64 rng(42);
+   std::uniform_real_distribution<double> dist(0.01, 60.0);
+   std::vector<double> delays(n);
+   for (auto& d : delays) {
+      d = dist(rng);
+   }
+   return delays;
+}
+
+class CountingTimer : public Korvo::TimerTask {
+public:
+   CountingTimer(std::shared_ptr<Korvo::TaskScheduler> s, uint64_t* runs)
+       : TimerTask(std::move(s), TaskPriority::normal, "bench"), runs_(runs) {}
+   void taskExecute() override { ++*runs_; }
+
+private:
+   uint64_t* runs_;
+};
+
+struct Counting : P::TimeoutHandler {
+   void timeout() override { ++runs; }
+   uint64_t runs = 0;
+};
+
+struct WheelEvent : Korvo::TimerWheelEvent {
+   void timeout() override {}
+};
+
+void reportAllocations(benchmark::State& state, uint64_t before, double perIteration) {
+   state.counters["allocs_per_op"] = static_cast<double>(allocations.load() - before) /
+                                     (static_cast<double>(state.iterations()) * perIteration);
+}
+
+// ---------------------------------------------------------------------------------
+// Arming an idle timer while 100k are armed
+
+void BM_TimerTaskArmStop(benchmark::State& state) {
+   auto root = Korvo::schedulerRootKorvoNonShared("bench");
+   uint64_t runs = 0;
+   const auto delays = randomDelays(kArmed + kDelays);
+   std::vector<std::shared_ptr<CountingTimer>> armed;
+   for (size_t i = 0; i < kArmed; ++i) {
+      armed.push_back(Korvo::makeShared<CountingTimer>(root, &runs));
+      armed.back()->scheduleTaskDelay(delays[i]);
+   }
+   auto task = Korvo::makeShared<CountingTimer>(root, &runs);
+   size_t i = 0;
+   const uint64_t before = allocations.load();
+   for (auto _ : state) {
+      task->scheduleTaskDelay(delays[kArmed + (i++ % kDelays)]);
+      task->stopTimerTask();
+   }
+   reportAllocations(state, before, 1.0);
+}
+BENCHMARK(BM_TimerTaskArmStop);
+
+void BM_WheelStartStop(benchmark::State& state) {
+   auto wheel = Korvo::getTimerWheel();
+   const auto delays = randomDelays(kArmed + kDelays);
+   std::vector<WheelEvent> armed(kArmed);
+   for (size_t i = 0; i < kArmed; ++i) {
+      wheel->timerStart(&armed[i], delays[i]);
+   }
+   WheelEvent event;
+   size_t i = 0;
+   const uint64_t before = allocations.load();
+   for (auto _ : state) {
+      wheel->timerStart(&event, delays[kArmed + (i++ % kDelays)]);
+      wheel->timerStop(&event);
+   }
+   reportAllocations(state, before, 1.0);
+   for (auto& e : armed) {
+      wheel->timerStop(&e);
+   }
+}
+BENCHMARK(BM_WheelStartStop);
+
+void BM_LibeventTimerSetDel(benchmark::State& state) {
+   Counting handler;
+   const auto delays = randomDelays(kArmed + kDelays);
+   std::vector<std::shared_ptr<P::TimerControl>> armed;
+   for (size_t i = 0; i < kArmed; ++i) {
+      armed.push_back(P::getTimerControl(&handler));
+      armed.back()->setTimeout(delays[i]);
+   }
+   auto control = P::getTimerControl(&handler);
+   size_t i = 0;
+   const uint64_t before = allocations.load();
+   for (auto _ : state) {
+      control->setTimeout(delays[kArmed + (i++ % kDelays)]);
+      control->delTimeout();
+   }
+   reportAllocations(state, before, 1.0);
+}
+BENCHMARK(BM_LibeventTimerSetDel);
+
+// ---------------------------------------------------------------------------------
+// 100k due at once: master timer to the last run, per timer
+
+void BM_TimerTaskExpiryToRun(benchmark::State& state) {
+   P::setFastForward(true);
+   auto root = Korvo::schedulerRootKorvoNonShared("bench");
+   uint64_t runs = 0;
+   std::vector<std::shared_ptr<CountingTimer>> tasks;
+   for (size_t i = 0; i < kArmed; ++i) {
+      tasks.push_back(Korvo::makeShared<CountingTimer>(root, &runs));
+   }
+   uint64_t allocs = 0;
+   for (auto _ : state) {
+      state.PauseTiming();
+      for (auto& t : tasks) {
+         t->scheduleTaskDelay(1.0);
+      }
+      const uint64_t before = allocations.load();
+      state.ResumeTiming();
+      P::doEventLoop();  // jumps to the expiry; returns once every task has run
+      allocs += allocations.load() - before;
+   }
+   state.counters["ns_per_timer"] =
+       benchmark::Counter(static_cast<double>(state.iterations() * kArmed),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   state.counters["allocs_per_timer"] =
+       static_cast<double>(allocs) / static_cast<double>(state.iterations() * kArmed);
+   state.counters["runs_ok"] = runs == state.iterations() * kArmed;
+   P::setFastForward(false);
+}
+BENCHMARK(BM_TimerTaskExpiryToRun)->Unit(benchmark::kMillisecond);
+
+void BM_LibeventTimerExpiryToRun(benchmark::State& state) {
+   P::setFastForward(true);
+   Counting handler;
+   std::vector<std::shared_ptr<P::TimerControl>> controls;
+   for (size_t i = 0; i < kArmed; ++i) {
+      controls.push_back(P::getTimerControl(&handler));
+   }
+   uint64_t allocs = 0;
+   for (auto _ : state) {
+      state.PauseTiming();
+      for (auto& c : controls) {
+         c->setTimeout(1.0);
+      }
+      const uint64_t before = allocations.load();
+      state.ResumeTiming();
+      P::doEventLoop();
+      allocs += allocations.load() - before;
+   }
+   state.counters["ns_per_timer"] =
+       benchmark::Counter(static_cast<double>(state.iterations() * kArmed),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   state.counters["allocs_per_timer"] =
+       static_cast<double>(allocs) / static_cast<double>(state.iterations() * kArmed);
+   state.counters["runs_ok"] = handler.runs == state.iterations() * kArmed;
+   P::setFastForward(false);
+}
+BENCHMARK(BM_LibeventTimerExpiryToRun)->Unit(benchmark::kMillisecond);
+
+// ---------------------------------------------------------------------------------
+// Fd ping-pong: one byte each way per round trip
+
+constexpr int kRoundTrips = 1000;
+
+// One end: answers every byte; the pinging end counts round trips and stops the watch
+// of both ends after the last one, so that the loop runs dry.
+struct End : P::FdEventHandler {
+   void readFdEvent(int fd) override {
+      char byte;
+      if (::read(fd, &byte, 1) != 1) {
+         return;
+      }
+      if (pinger && ++roundTrips == kRoundTrips) {
+         control->delFd();
+         peer->control->delFd();
+         return;
+      }
+      (void)!::write(fd, &byte, 1);
+   }
+   void writeFdEvent(int) override {}
+   std::shared_ptr<P::FdControl> control;
+   End* peer = nullptr;
+   bool pinger = false;
+   int roundTrips = 0;
+};
+
+template <typename MakeControl>
+void pingPong(benchmark::State& state, MakeControl make) {
+   int fds[2];
+   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+      state.SkipWithError("socketpair");
+      return;
+   }
+   End ping;
+   End pong;
+   ping.control = make(&ping, "ping");
+   pong.control = make(&pong, "pong");
+   ping.peer = &pong;
+   pong.peer = &ping;
+   ping.pinger = true;
+   for (auto _ : state) {
+      ping.roundTrips = 0;
+      ping.control->setFd(fds[0]);
+      pong.control->setFd(fds[1]);
+      (void)!::write(fds[0], "x", 1);
+      P::doEventLoop();
+   }
+   state.counters["ns_per_round_trip"] =
+       benchmark::Counter(static_cast<double>(state.iterations() * kRoundTrips),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   ::close(fds[0]);
+   ::close(fds[1]);
+}
+
+void BM_TaskFdPingPong(benchmark::State& state) {
+   auto root = Korvo::schedulerRootKorvoNonShared("bench");
+   pingPong(state, [&](P::FdEventHandler* h, const char* name) {
+      return P::getFdControl(h, root, TaskPriority::normal, name);
+   });
+}
+BENCHMARK(BM_TaskFdPingPong)->Unit(benchmark::kMicrosecond);
+
+void BM_LibeventFdPingPong(benchmark::State& state) {
+   pingPong(state, [](P::FdEventHandler* h, const char*) { return P::getFdControl(h); });
+}
+BENCHMARK(BM_LibeventFdPingPong)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
