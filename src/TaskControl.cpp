@@ -5,8 +5,6 @@
 #include "Korvo/Exception.h"
 #include "Korvo/TaskScheduler.h"
 
-#include <algorithm>
-
 namespace Korvo::Platform {
 
 // ---------------------------------------------------------------------------------
@@ -25,7 +23,7 @@ void TaskTimerControl::taskExecute() {
 }
 
 void TaskTimerControl::setTimeout(double seconds) {
-   scheduleTaskDelay(std::min(seconds, maxDelaySeconds));
+   scheduleTaskDelay(seconds);
 }
 
 void TaskTimerControl::delTimeout() {

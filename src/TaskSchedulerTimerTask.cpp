@@ -7,6 +7,7 @@
 
 #include "TaskSchedulerDebug.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -193,7 +194,8 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool replace) {
    if (replace) {
       unscheduleTaskPrivate(now);
    }
-   const double seconds = toSeconds(delay);
+   // Clamped as the event-loop timers clamp: a wheel tick of 1e300 s does not exist.
+   const double seconds = std::min(toSeconds(delay), Platform::maxDelaySeconds);
    if (doStartTimer(seconds, replace)) {
       timerRunning_ = true;
       KORVO_TRACE(taskSchedulerDebug, 8, "Timer started " << this << " delay " << seconds);

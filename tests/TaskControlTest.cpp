@@ -200,6 +200,9 @@ TEST_P(ControlTest, RequestsCoalesceAndNeverRunInsideTheCall) {
    pump();
    EXPECT_EQ(counter.timeouts, 1);
    EXPECT_EQ(t->remainingTimeout(), INFINITY);
+   t->setTimeout(INFINITY);  // a task-backed timer stops, an event-loop one clamps
+   EXPECT_EQ(t->remainingTimeout() == INFINITY, tasks());
+   t->delTimeout();
    auto c = callback(&counter);
    c->requestCallback();
    c->requestCallback();

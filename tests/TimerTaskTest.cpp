@@ -319,6 +319,8 @@ TEST_F(TimerTaskTest, BadDelaysFailWithTheirMessages) {
    t->scheduleTaskJitterUp(std::chrono::nanoseconds(std::chrono::hours(24 * 60)), 100);
    EXPECT_GE(t->timerRemaining(), 24.0 * 60 * 3600 - 1);
    EXPECT_LE(t->timerRemaining(), 2 * 24.0 * 60 * 3600);
+   t->scheduleTaskDelay(1e300);
+   EXPECT_LE(t->timerRemaining(), Korvo::Platform::maxDelaySeconds);
    std::string wrongThread;
    std::thread([&] { wrongThread = assertionText([&] { t->scheduleTaskDelay(1.0); }); }).join();
    EXPECT_NE(wrongThread.find("Executing in wrong thread "), std::string::npos);

@@ -27,7 +27,8 @@
 //   the scheduler, never inside the call; requests before the run coalesce into one.
 //   remainingTimeout() is 0.0 from the expiry until the handler runs, as the platform
 //   contract says (the timer task itself reports +infinity once it is queued).
-//   Delays above Platform::maxDelaySeconds are clamped to it.
+//   setTimeout(+infinity) stops the timer (an event-loop timer clamps it to
+//   Platform::maxDelaySeconds, as both do with finite delays above it).
 // Everything else follows the platform contracts: one pending expiry per timer;
 // read interest on and persistent from the start, write interest one-shot;
 // descriptors are never closed. clearEvents() is delFd(): it also forgets the

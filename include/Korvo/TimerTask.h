@@ -35,7 +35,8 @@
 //   a jitter larger than d (which a negative d gives) are assertion failures. A
 //   result of exactly 0 queues the task at once.
 // - scheduleTask(): disarms and queues; stopTimerTask(): disarms and dequeues.
-// Seconds are "infinite" only at +infinity, nanoseconds only at nanoseconds::max().
+// Seconds are "infinite" only at +infinity, nanoseconds only at nanoseconds::max();
+// finite delays above Platform::maxDelaySeconds (about 31.7 years) are clamped to it.
 // A NaN delay is an assertion failure ("delayIntoFuture: nan") before anything
 // changes. A negative delay arms a timer that is already due: the task is queued on
 // the next pass of the event loop, not inside the call (unlike a delay of 0).
