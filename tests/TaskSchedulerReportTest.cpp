@@ -1,7 +1,9 @@
 #include "TaskTestSupport.h"
 
+#include <Korvo/FileDescriptorTask.h>
 #include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
+#include <Korvo/TimerTask.h>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,20 @@ using namespace KorvoTest;
 using Korvo::TaskPriority;
 
 namespace {
+
+struct Timer : Korvo::TimerTask {
+   using TimerTask::TimerTask;
+   void taskExecute() override {}
+};
+
+struct Conn : Korvo::FileDescriptorTask {
+   using FileDescriptorTask::FileDescriptorTask;
+   void taskExecuteReadable() override {
+      FakeClock::advance(4ms);
+      taskWorkCountInc(512);
+   }
+   void taskExecuteWritable() override {}
+};
 
 class ReportTest : public SchedulerFixture {
 protected:
@@ -80,6 +96,14 @@ TEST_F(ReportTest, GoldenReport) {
       drainRoot();
    }
    rootTask(TaskPriority::high, "oneshot");
+   auto armed = Korvo::makeShared<Timer>(root_, TaskPriority::low, "retry");
+   armed->scheduleTaskDelay(10.0);
+   auto unarmed = Korvo::makeShared<Timer>(root_, TaskPriority::normal, "expire");
+   auto conn = Korvo::makeShared<Conn>(root_, TaskPriority::high, "conn");
+   conn->taskWatchReadableIs(true);
+   conn->taskWatchWritableIs(false);  // the write direction's row appears
+   conn->scheduleTaskReadable();
+   drainRoot();
    paused->taskSuspendedIs(true);
    std::ostringstream report;
    auto reporter = rootTask(TaskPriority::normal, "report", [&](LambdaTask&) {
@@ -90,9 +114,9 @@ TEST_F(ReportTest, GoldenReport) {
    root_->handleSchedulerRun();
    (void)idle;
    EXPECT_EQ(report.str(), R"report(Priority RunnableCount     IdleCount DeadCount   TotalRunCount
-high                 0             3         1              10
-normal               0             4         2              18
-low                  0             3         0               5
+high                 0             5         1              11
+normal               0             5         2              18
+low                  0             4         0               5
 scavenge             1             0         0               0
 Maximum scheduler slip 0.004000 seconds
 SP                = Task status and priority % two characters:
@@ -117,13 +141,17 @@ compact               l          2         0.155  0.025   0.025    1    1   110 
 flush                 n          3         0.036  0.013   0.013    0    0    12        120     25.8     60         4          6
 TaskGroup;flows       h          6         0.027  0.001   0.004    0    0     6         18      3.0      3         0          2
 flows;rx              n         12         0.024  0.000   0.004    0    0     2        192     16.0     16         0          -
+conn:read             h          1         0.004  0.000   0.000    0    0     4        512    512.0    512         0          -
 flows;tx              l          3         0.003  0.012   0.012    0    0     1         12      4.0      4         2          2
 poll                  h          3         0.003  0.003   0.003    0    0     1          9      3.0      3         0          0
 other;sync            h          1         0.002  0.000   0.000    0    0     2          1      1.0      1         0          0
 audit                 S          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+conn:write            h          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+expire               tn          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 idle                  l          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 paused               Sn          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 report               *n          1         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
+retry                Tl          0         0.000  0.000   0.000    0    0     0          0      0.0      -         0          -
 TaskName (completed) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Dead Total/DecayA/Max-WorkCount Last/Max-WorkPending
 -------------------- -- ---------- ------------- ------ ------- ---- ---- ----- ---- ---------- -------- ------ --------- ----------
 worker                n          2         0.010  0.000   0.000    0    0     5    2          4      4.0      2         2          1
