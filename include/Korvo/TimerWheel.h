@@ -139,6 +139,7 @@ private:
    void timeout() override;
    // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
    void unlink(TimerWheelEvent* event);
+   void unlinkOther(TimerWheelEvent* event);
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
