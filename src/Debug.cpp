@@ -138,6 +138,71 @@ void DebugHandler::enabledIs(unsigned level, bool on) {
    }
 }
 
+}  // namespace Nyx
+
+namespace Platform::Impl {
+namespace {
+
+// Trivially destructible, so that it stays readable while the thread's destructors run.
+struct ThreadTraceStream {
+   DebugStream* stream = nullptr;
+   bool busy = false;
+   bool gone = false;
+};
+thread_local constinit ThreadTraceStream threadTraceStream_;
+
+// Frees the thread's stream when the thread ends; touched once, when it is made.
+struct ThreadTraceStreamReaper {
+   ~ThreadTraceStreamReaper() {
+      delete threadTraceStream_.stream;
+      threadTraceStream_.stream = nullptr;
+      threadTraceStream_.gone = true;
+   }
+};
+thread_local ThreadTraceStreamReaper threadTraceStreamReaper_;
+
+// Back to the state of a new stream, keeping the buffer's capacity (str() of a const
+// string assigns into the buffer's string).
+void resetStream(DebugStream& stream) {
+   static const std::string empty;
+   stream.str(empty);
+   stream.clear();
+   stream.flags(std::ios_base::skipws | std::ios_base::dec);
+   stream.width(0);
+   stream.precision(6);
+   stream.fill(' ');
+}
+
+}  // namespace
+
+TraceStream::TraceStream() {
+   ThreadTraceStream& mine = threadTraceStream_;
+   fresh_ = mine.busy || mine.gone;
+   if (fresh_) {
+      stream_ = new DebugStream;
+      return;
+   }
+   if (mine.stream == nullptr) {
+      mine.stream = new DebugStream;
+      static_cast<void>(&threadTraceStreamReaper_);
+   }
+   mine.busy = true;
+   stream_ = mine.stream;
+}
+
+TraceStream::~TraceStream() {
+   if (fresh_) {
+      delete stream_;
+      return;
+   }
+   resetStream(*stream_);
+   threadTraceStream_.busy = false;
+}
+
+}  // namespace Platform::Impl
+
+namespace Nyx {
+
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
                         const char* func) const {
    // A view of the stream's buffer: no copy of the message.
@@ -598,13 +663,15 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
                   const char* file, const char* func, int line) noexcept {
    // The prefix is built under the lock too: setTraceFormat() changes its fields.
    LocoGuard guard;
-   fmt::memory_buffer prefix;
-   buildPrefix(prefix, level, static_cast<const DebugHandler*>(handler), file, func, line);
+   // The whole line goes to the stream in one write: each stream call has its own
+   // sentry and virtual calls, dearer than copying the message once.
+   fmt::memory_buffer text;
+   buildPrefix(text, level, static_cast<const DebugHandler*>(handler), file, func, line);
+   text.append(msg, msg + len);
+   text.push_back('\n');
    TraceFile& tf = traceFile();
    std::ostream& out = tf.stream.is_open() ? static_cast<std::ostream&>(tf.stream) : std::cerr;
-   out.write(prefix.data(), static_cast<std::streamsize>(prefix.size()));
-   out.write(msg, static_cast<std::streamsize>(len));
-   out.put('\n');
+   out.write(text.data(), static_cast<std::streamsize>(text.size()));
    out.flush();
 }
 

@@ -78,184 +78,160 @@ State actualState(const Timer& t) {
 
 TEST_F(TimerTaskTest, RandomOperationsAgreeWithAReferenceModel) {
    constexpr int kTasks = 24;
-   constexpr int kSteps = 10000;
    std::mt19937 rng(7);
    std::vector<std::shared_ptr<Timer>> tasks;
    std::vector<Model> model(kTasks);
    for (int i = 0; i < kTasks; ++i) {
       tasks.push_back(timer("t" + std::to_string(i)));
    }
-   auto pickDelay = [&]() -> double {
-      switch (rng() % 8) {
-         case 0:
-            return 0.0;
-         case 1:
-            return -0.05;
-         default:
-            return static_cast<double>(rng() % 100 + 1) / 100.0;
-      }
-   };
-   // Arms through the seconds or the nanosecond form; returns the delay asked for.
-   auto armWith = [&](Timer& t, int op, double d, unsigned char pct) {
-      const bool ns = rng() % 2 == 0;
+   // One of the four arming operations (seconds or nanoseconds where the result is
+   // exact in both); returns the delay the task should have used.
+   auto arm = [&](Timer& t, unsigned kind, double d, unsigned char pct) -> double {
       const auto dn = std::chrono::nanoseconds(std::llround(d * 1e9));
-      const double asked = ns ? static_cast<double>(dn.count()) / 1e9 : d;
-      switch (op) {
+      const bool ns = rng() % 2 == 0;
+      const double k = nextJitterStep();
+      switch (kind) {
          case 0:
             ns ? t.scheduleTaskDelay(dn) : t.scheduleTaskDelay(d);
-            return asked;
+            return d;
          case 1:
             ns ? t.scheduleTaskLowestDelay(dn) : t.scheduleTaskLowestDelay(d);
-            return asked;
-         case 2: {
-            const unsigned k = nextJitterStep();
-            if (ns) {
-               t.scheduleTaskJitterUp(dn, pct);
-               return static_cast<double>((dn + dn * (k * pct) / 10000).count()) / 1e9;
-            }
+            return d;
+         case 2:
             t.scheduleTaskJitterUp(d, pct);
-            return d + static_cast<double>(k) * (static_cast<double>(pct) * d) / 10000.0;
-         }
-         default: {
-            const unsigned k = nextJitterStep();
-            if (ns) {
-               t.scheduleTaskJitterDown(dn, pct);
-               return static_cast<double>((dn - dn * (k * pct) / 10000).count()) / 1e9;
-            }
+            return d + k * (pct * d) / 10000.0;
+         default:
             t.scheduleTaskJitterDown(d, pct);
-            return d - static_cast<double>(k) * (static_cast<double>(pct) * d) / 10000.0;
-         }
+            return d - k * (pct * d) / 10000.0;
+      }
+   };
+   // After each step: the state, and while armed the exact expiry.
+   auto check = [&](int j, int step) {
+      ASSERT_EQ(actualState(*tasks[j]), model[j].state) << tasks[j]->taskName() << " " << step;
+      if (model[j].state == State::armed) {
+         ASSERT_EQ(tasks[j]->currentExpirationTime(), model[j].expiry) << step;
       }
    };
    std::vector<size_t> runsBefore(kTasks);
-   for (int step = 0; step < kSteps; ++step) {
+   auto runLoop = [&](double seconds, int step) {
+      for (int j = 0; j < kTasks; ++j) {
+         runsBefore[j] = tasks[j]->runTimes.size();
+      }
+      doEventLoop(seconds);
+      const double end = Korvo::time();
+      for (int j = 0; j < kTasks; ++j) {
+         Timer& u = *tasks[j];
+         Model& n = model[j];
+         const size_t ran = u.runTimes.size() - runsBefore[j];
+         ASSERT_LE(ran, 1u) << u.taskName() << " ran twice, step " << step;
+         if (ran == 1) {
+            ASSERT_NE(n.state, State::idle) << u.taskName();
+            ASSERT_GE(u.runTimes.back(), n.expiry) << u.taskName() << " ran early";
+            n = Model();
+         } else if (n.state == State::armed && n.expiry <= end) {
+            // Due by now; whether its run has come yet depends on the machine.
+            n.state = actualState(u);
+            ASSERT_NE(n.state, State::idle) << u.taskName() << " lost its run";
+            n.expiry = n.state == State::queued ? -inf : n.expiry;
+         }
+         check(j, step);
+      }
+   };
+   for (int step = 0; step < 10000; ++step) {
       const int i = static_cast<int>(rng() % kTasks);
       Timer& t = *tasks[i];
       Model& m = model[i];
       const unsigned op = rng() % 10;
-      if (op == 9) {  // let the loop run
-         for (int j = 0; j < kTasks; ++j) {
-            runsBefore[j] = tasks[j]->runTimes.size();
-         }
-         doEventLoop(static_cast<double>(rng() % 4) * 0.1);
-         const double end = Korvo::time();
-         for (int j = 0; j < kTasks; ++j) {
-            Timer& u = *tasks[j];
-            Model& n = model[j];
-            const size_t ran = u.runTimes.size() - runsBefore[j];
-            ASSERT_LE(ran, 1u) << u.taskName() << " step " << step;
-            if (ran == 1) {
-               ASSERT_NE(n.state, State::idle) << u.taskName();
-               ASSERT_GE(u.runTimes.back(), n.expiry) << u.taskName() << " ran early";
-               n = Model();
-            } else if (n.state == State::armed && n.expiry <= end) {
-               // Due by now; whether its run has come yet depends on the machine.
-               n.state = actualState(u);
-               ASSERT_NE(n.state, State::idle) << u.taskName() << " lost its run";
-               if (n.state == State::queued) {
-                  n.expiry = -inf;
-               }
-            }
-            ASSERT_EQ(actualState(u), n.state) << u.taskName() << " step " << step;
-            if (n.state == State::armed) {
-               ASSERT_EQ(u.currentExpirationTime(), n.expiry) << u.taskName();
-            }
-         }
-         continue;
-      }
       const double before = Korvo::time();
       // As the wheel reports it: 0 once due.
       const double remaining = m.state == State::armed ? std::max(m.expiry - before, 0.0) : inf;
-      if (op == 7) {
+      if (op == 9) {
+         ASSERT_NO_FATAL_FAILURE(runLoop(static_cast<double>(rng() % 4) * 0.1, step));
+         continue;
+      } else if (op == 7) {
          t.stopTimerTask();
          m = Model();
       } else if (op == 8) {
          t.scheduleTask();
          m = Model{State::queued, -inf};
       } else {
-         const int kind = static_cast<int>(op % 4);
-         const double d = pickDelay();
-         const auto pct = static_cast<unsigned char>(rng() % 101);
-         const double delay = (kind >= 2 && d < 0) ? 0.0 : d;  // negative jitter asserts
-         const double asked = armWith(t, kind, delay, pct);
-         if (asked == 0.0) {
-            if (kind != 1 || m.state != State::queued) {
-               m = Model{State::queued, -inf};
-            }
-         } else if (kind == 1 && m.state == State::queued) {
+         const unsigned kind = op % 4;
+         const unsigned r = rng() % 8;  // 0, -0.05 (not for jitter: it asserts), 0.01..1
+         const double d = r == 0 ? 0.0 : r == 1 && kind < 2 ? -0.05 : (rng() % 100 + 1) / 100.0;
+         const double asked = arm(t, kind, d, static_cast<unsigned char>(rng() % 101));
+         const bool lowest = kind == 1;
+         if (lowest && m.state == State::queued) {
             // Already has the lowest delay possible.
-         } else if (kind == 1 && std::abs(asked - remaining) < 1e-3) {
+         } else if (asked == 0.0) {
+            m = Model{State::queued, -inf};
+         } else if (lowest && std::abs(asked - remaining) < 1e-3) {
             // Too close to call from outside: take what the task decided.
             m.expiry = std::min(m.expiry, t.currentExpirationTime());
-         } else if (kind != 1 || asked < remaining) {
+         } else if (!lowest || asked < remaining) {
             const double expiry = t.currentExpirationTime();
             ASSERT_GE(expiry + 1e-9, before + asked);
             ASSERT_LE(expiry, Korvo::time() + asked + 1e-9);
             m = Model{State::armed, expiry};
          }
       }
-      ASSERT_EQ(actualState(t), m.state) << t.taskName() << " op " << op << " step " << step;
-      if (m.state == State::armed) {
-         ASSERT_EQ(t.currentExpirationTime(), m.expiry) << t.taskName() << " step " << step;
-      }
+      ASSERT_NO_FATAL_FAILURE(check(i, step));
    }
+   // Every outstanding arming runs exactly once, none early.
+   ASSERT_NO_FATAL_FAILURE(runLoop(2.0, -1));
+   doEventLoop();
    size_t total = 0;
-   for (const auto& task : tasks) {
-      total += task->runTimes.size();
+   for (int j = 0; j < kTasks; ++j) {
+      total += tasks[j]->runTimes.size();
+      EXPECT_EQ(actualState(*tasks[j]), State::idle) << tasks[j]->taskName();
    }
    EXPECT_GT(total, 500u);
-   // Every outstanding arming runs exactly once, none early.
-   for (int j = 0; j < kTasks; ++j) {
-      runsBefore[j] = tasks[j]->runTimes.size();
-   }
-   doEventLoop(2.0);
-   doEventLoop();
-   for (int j = 0; j < kTasks; ++j) {
-      const size_t ran = tasks[j]->runTimes.size() - runsBefore[j];
-      EXPECT_EQ(ran, model[j].state == State::idle ? 0u : 1u) << tasks[j]->taskName();
-      if (ran == 1) {
-         EXPECT_GE(tasks[j]->runTimes.back(), model[j].expiry);
-      }
-      EXPECT_EQ(actualState(*tasks[j]), State::idle);
-   }
 }
 
 // ---------------------------------------------------------------------------------
 // Exact cases
 
-TEST_F(TimerTaskTest, TransitionsStatusHistoryAndExpirationTimes) {
+TEST_F(TimerTaskTest, TransitionsStatusHistoryTracesAndExpirationTimes) {
    auto t = timer("edge");
    EXPECT_TRUE(t->taskStatus().taskTimer());
    EXPECT_EQ(t->currentExpirationTime(), inf);
    EXPECT_EQ(t->timerRemaining(), inf);
+   Korvo::Platform::setTraceFormat("level");
+   Korvo::Platform::setupKorvoDebug("TaskScheduler/89");
+   testing::internal::CaptureStderr();
    t->scheduleTaskDelay(3.0);
-   EXPECT_TRUE(t->taskStatus().taskTimerRunning());
-   EXPECT_TRUE(t->taskScheduled());
-   EXPECT_TRUE(t->taskBusy());
+   EXPECT_TRUE(t->armed() && t->taskScheduled() && t->taskBusy());
    EXPECT_EQ(root_->history()->event(1).eventType(), Korvo::TaskSchedulerEventType::timerStart);
    t->scheduleTaskLowestDelay(5.0);  // keeps 3 s
    EXPECT_LE(t->timerRemaining(), 3.0);
    t->scheduleTaskLowestDelay(1s);  // earlier: re-armed
    EXPECT_LE(t->timerRemaining(), 1.0);
    t->scheduleTaskDelay(0.0);  // disarmed and queued at once
-   EXPECT_FALSE(t->armed());
-   EXPECT_TRUE(t->queued());
+   EXPECT_TRUE(!t->armed() && t->queued());
    const double before = Korvo::time();
    const double expiration = t->currentExpirationTime();  // "now" while queued
-   EXPECT_GE(expiration, before);
-   EXPECT_LE(expiration, Korvo::time());
+   EXPECT_TRUE(expiration >= before && expiration <= Korvo::time());
    t->scheduleTaskLowestDelay(2.0);  // stays queued, no timer
-   EXPECT_TRUE(t->queued());
-   EXPECT_FALSE(t->armed());
+   EXPECT_TRUE(!t->armed() && t->queued());
    t->scheduleTaskDelay(2.0);  // dequeued and armed
-   EXPECT_FALSE(t->queued());
-   EXPECT_TRUE(t->armed());
+   EXPECT_TRUE(t->armed() && !t->queued());
+   t->scheduleTaskJitterUp(2.0, 0);
    t->scheduleTaskJitterUp(inf, 50);  // infinite: stopped
-   EXPECT_FALSE(t->taskScheduled());
-   EXPECT_FALSE(t->taskBusy());
+   EXPECT_TRUE(!t->taskScheduled() && !t->taskBusy());
    EXPECT_EQ(root_->history()->event(1).eventType(), Korvo::TaskSchedulerEventType::timerStop);
-   t->scheduleTaskJitterUp(10.0, 0);
-   EXPECT_NEAR(t->currentExpirationTime() - Korvo::time(), 10.0, 1e-3);
+   t->stopTimerTask();
+   const std::string text = testing::internal::GetCapturedStderr();
+   Korvo::Platform::clearKorvoDebug("TaskScheduler/89");
+   Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
+   std::ostringstream task;
+   task << static_cast<const Korvo::_TaskBase*>(t.get());
+   for (const std::string& line :
+        {"8 Timer started " + task.str() + " delay 3", "8 Timer already running " + task.str(),
+         "8 Already on runQueue " + task.str(),
+         "9 Timer jitterUp " + task.str() + " delay 2 + 0 = 2",
+         "9 Timer stopped " + task.str() + ", was running",
+         "9 Timer stopped " + task.str() + ", was not running"}) {
+      EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+   }
    const unsigned k = nextJitterStep();
    const double start = Korvo::time();
    t->scheduleTaskJitterDown(10.0, 100);
@@ -266,64 +242,31 @@ TEST_F(TimerTaskTest, TransitionsStatusHistoryAndExpirationTimes) {
    EXPECT_TRUE(t->runTimes.empty());
 }
 
-TEST_F(TimerTaskTest, TracesOnTheSchedulersHandler) {
-   auto t = timer("traced");
-   Korvo::Platform::setTraceFormat("level");
-   Korvo::Platform::setupKorvoDebug("TaskScheduler/89");
-   testing::internal::CaptureStderr();
-   t->scheduleTaskDelay(3.0);
-   t->scheduleTaskLowestDelay(5.0);
-   t->scheduleTaskJitterUp(2.0, 0);
-   t->stopTimerTask();
-   t->stopTimerTask();
-   t->scheduleTask();
-   t->scheduleTaskLowestDelay(1.0);
-   const std::string text = testing::internal::GetCapturedStderr();
-   Korvo::Platform::clearKorvoDebug("TaskScheduler/89");
-   Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
-   std::ostringstream task;
-   task << static_cast<const Korvo::_TaskBase*>(t.get());
-   for (const std::string& line :
-        {"8 Timer started " + task.str() + " delay 3", "8 Timer already running " + task.str(),
-         "9 Timer jitterUp " + task.str() + " delay 2 + 0 = 2",
-         "9 Timer stopped " + task.str() + ", was running",
-         "9 Timer stopped " + task.str() + ", was not running",
-         "8 Already on runQueue " + task.str()}) {
-      EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
-   }
-}
-
-TEST_F(TimerTaskTest, BadDelaysFailWithTheirMessages) {
+TEST_F(TimerTaskTest, BadInputFailsWithItsMessageOrIsBounded) {
    auto t = timer("bad");
-   using KorvoTest::assertionText;
-   EXPECT_NE(assertionText([&] { t->scheduleTaskLowestDelay(inf); }).find("delayIntoFuture: inf"),
-             std::string::npos);
-   EXPECT_NE(assertionText([&] {
-                t->scheduleTaskLowestDelay(std::chrono::nanoseconds::max());
-             }).find("delayIntoFuture: "),
-             std::string::npos);
-   EXPECT_NE(
-       assertionText([&] { t->scheduleTaskDelay(std::nan("")); }).find("delayIntoFuture: nan"),
-       std::string::npos);
-   EXPECT_NE(assertionText([&] {
-                t->scheduleTaskJitterUp(1.0, 101);
-             }).find("maxJitterPercentage: e > 100"),
-             std::string::npos);
-   EXPECT_NE(assertionText([&] { t->scheduleTaskJitterDown(-1.0, 10); }).find("offset( "),
-             std::string::npos);
-   EXPECT_NE(
-       assertionText([&] { t->scheduleTaskJitterUp(-1s, 10); }).find(" ) > delayIntoFuture( "),
-       std::string::npos);
-   // None of them changed anything; a jitter of weeks in nanoseconds does not overflow.
-   EXPECT_FALSE(t->taskScheduled());
+   const std::pair<std::function<void()>, const char*> cases[] = {
+       {[&] { t->scheduleTaskLowestDelay(inf); }, "delayIntoFuture: inf"},
+       {[&] { t->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()); }, "delayIntoFuture: "},
+       {[&] { t->scheduleTaskDelay(std::nan("")); }, "delayIntoFuture: nan"},
+       {[&] { t->scheduleTaskJitterUp(1.0, 101); }, "maxJitterPercentage: e > 100"},
+       {[&] { t->scheduleTaskJitterDown(-1.0, 10); }, "offset( "},
+       {[&] { t->scheduleTaskJitterUp(-1s, 10); }, " ) > delayIntoFuture( "},
+   };
+   for (const auto& [call, message] : cases) {
+      EXPECT_NE(KorvoTest::assertionText(call).find(message), std::string::npos) << message;
+   }
+   std::string wrongThread;
+   std::thread([&] {
+      wrongThread = KorvoTest::assertionText([&] { t->scheduleTaskDelay(1.0); });
+   }).join();
+   EXPECT_NE(wrongThread.find("Executing in wrong thread "), std::string::npos);
+   EXPECT_FALSE(t->taskScheduled());  // none of them changed anything
+   // A jitter of weeks in nanoseconds does not overflow; absurd delays are clamped.
    t->scheduleTaskJitterUp(std::chrono::nanoseconds(std::chrono::hours(24 * 60)), 100);
    EXPECT_GE(t->timerRemaining(), 24.0 * 60 * 3600 - 1);
    EXPECT_LE(t->timerRemaining(), 2 * 24.0 * 60 * 3600);
    t->scheduleTaskDelay(1e300);
    EXPECT_LE(t->timerRemaining(), Korvo::Platform::maxDelaySeconds);
-   std::string wrongThread;
-   std::thread([&] { wrongThread = assertionText([&] { t->scheduleTaskDelay(1.0); }); }).join();
-   EXPECT_NE(wrongThread.find("Executing in wrong thread "), std::string::npos);
 }
 
 TEST_F(TimerTaskTest, RunsFromTheSchedulerAndSurvivesItsOwnHandler) {

@@ -200,6 +200,24 @@ KORVO_EXPORT void clearTraceFormat() noexcept;
 KORVO_EXPORT void printAllTraceFormat() noexcept;
 
 namespace Impl {
+// The stream an enabled stream-style trace site fills. Making a stringstream costs
+// about as much as writing the line, so each thread keeps one and reuses it, emptied
+// and with its formatting reset, from line to line. A trace made while the thread's
+// stream is being filled (an operator<< that itself traces) or while the thread ends
+// gets a fresh stream of its own instead.
+class KORVO_EXPORT TraceStream {
+public:
+   TraceStream();
+   ~TraceStream();
+   TraceStream(const TraceStream&) = delete;
+   TraceStream& operator=(const TraceStream&) = delete;
+   DebugStream& stream() { return *stream_; }
+
+private:
+   DebugStream* stream_;
+   bool fresh_;
+};
+
 inline const DebugHandler& handlerRef(const DebugHandler& h) {
    return h;
 }
@@ -305,7 +323,8 @@ private:
       const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                      \
           ::Korvo::Platform::Impl::handlerRef(handler);                          \
       if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                    \
-         ::Korvo::Platform::DebugStream korvoTraceS_;                            \
+         ::Korvo::Platform::Impl::TraceStream korvoTraceL_;                      \
+         ::Korvo::Platform::DebugStream& korvoTraceS_ = korvoTraceL_.stream();   \
          korvoTraceS_ << msg;                                                    \
          korvoTraceH_.dump(korvoTraceS_, (level), __FILE__, __LINE__, __func__); \
       }                                                                          \
