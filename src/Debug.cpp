@@ -549,18 +549,23 @@ const tm* localTime(time_t seconds) {
 // The line prefix. A missing file or function name with its field on stops the
 // prefix there, as a failed stream would.
 // Appends text, or a number in decimal, then one blank. The prefix is built on
-// every enabled line, so it avoids parsing format strings.
+// every enabled line, so it avoids parsing format strings, and writes through a bare
+// cursor into room reserved beforehand (see prefixBound).
 struct PrefixWriter {
-   fmt::memory_buffer& out;
-   void text(std::string_view s) { out.append(s.data(), s.data() + s.size()); }
+   char* cur;
+   void put(const char* p, size_t n) {
+      std::memcpy(cur, p, n);
+      cur += n;
+   }
+   void text(std::string_view s) { put(s.data(), s.size()); }
    void number(long value) {
       const fmt::format_int digits(value);
-      out.append(digits.data(), digits.data() + digits.size());
+      put(digits.data(), digits.size());
    }
    void twoDigits(int value) {
       const char digits[2] = {static_cast<char>('0' + value / 10),
                               static_cast<char>('0' + value % 10)};
-      out.append(digits, digits + 2);
+      put(digits, 2);
    }
    void field(std::string_view s) {
       text(s);
@@ -572,8 +577,17 @@ struct PrefixWriter {
    }
 };
 
-void buildPrefix(fmt::memory_buffer& out, uint32_t level, const DebugHandler* handler,
-                 const char* file, const char* func, int line) {
+// Room for any prefix: every number field fits in 21 characters with its blank, the
+// date and time in twice that; the names as long as they are.
+size_t prefixBound(const DebugHandler* handler, const char* file, const char* func) {
+   return 8 * 24 + (handler ? handler->name.size() : 0) + (file ? std::strlen(file) : 0) +
+          (func ? std::strlen(func) : 0);
+}
+
+// Writes the prefix at `out`, which has prefixBound() characters of room, and returns
+// where it ends.
+char* buildPrefix(char* out, uint32_t level, const DebugHandler* handler, const char* file,
+                  const char* func, int line) {
    using Nyx::DebugControl;
    PrefixWriter w{out};
    timeval now;
@@ -608,16 +622,17 @@ void buildPrefix(fmt::memory_buffer& out, uint32_t level, const DebugHandler* ha
       w.field(static_cast<long>(level));
    if (DebugControl::showLineInfo_) {
       if (file == nullptr)
-         return;
+         return w.cur;
       w.text(lastPathComponent(file));
       w.text(":");
       w.field(line);
    }
    if (DebugControl::showFuncName_) {
       if (func == nullptr)
-         return;
+         return w.cur;
       w.field(func);
    }
+   return w.cur;
 }
 
 }  // namespace
@@ -665,14 +680,21 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
    LocoGuard guard;
    // The whole line goes to the stream in one write: each stream call has its own
    // sentry and virtual calls, dearer than copying the message once.
+   const auto* h = static_cast<const DebugHandler*>(handler);
    fmt::memory_buffer text;
-   buildPrefix(text, level, static_cast<const DebugHandler*>(handler), file, func, line);
-   text.append(msg, msg + len);
-   text.push_back('\n');
+   text.resize(prefixBound(h, file, func) + len + 1);
+   char* end = buildPrefix(text.data(), level, h, file, func, line);
+   std::memcpy(end, msg, len);
+   end += len;
+   *end++ = '\n';
+   text.resize(static_cast<size_t>(end - text.data()));
    TraceFile& tf = traceFile();
    std::ostream& out = tf.stream.is_open() ? static_cast<std::ostream&>(tf.stream) : std::cerr;
-   out.write(text.data(), static_cast<std::streamsize>(text.size()));
-   out.flush();
+   // Straight to the stream's buffer: the line is complete, so the stream's own
+   // formatting layer (a sentry per call) has nothing left to do.
+   std::streambuf* buffer = out.rdbuf();
+   buffer->sputn(text.data(), static_cast<std::streamsize>(text.size()));
+   buffer->pubsync();
 }
 
 void setTraceFormat(const char* spec) noexcept {
