@@ -4,7 +4,8 @@
 //   tasks are armed, beside the wheel's own timerStart + timerStop and a libevent timer
 //   control's setTimeout + delTimeout, each with 100k armed timers of its kind.
 // - Expiry to run: 100k timer tasks due at once, from the master timer's firing to the
-//   last taskExecute(), beside 100k libevent timer controls firing their handlers.
+//   last taskExecute(), beside 100k libevent timer controls firing their handlers, and
+//   beside 100k plain tasks queued at once (the scheduler's share: one loop pass each).
 // - Fd ping-pong: one byte each way over a socketpair, both ends served by task-backed
 //   fd controls, beside both ends served by libevent fd controls.
 // Heap allocations per operation are counted through a replaced global operator new.
@@ -199,6 +200,38 @@ void BM_TimerTaskExpiryToRun(benchmark::State& state) {
    P::setFastForward(false);
 }
 BENCHMARK(BM_TimerTaskExpiryToRun)->Unit(benchmark::kMillisecond);
+
+// The scheduler's share of the above: 100k plain tasks queued at once, run to the last.
+class CountingTask : public Korvo::Task {
+public:
+   CountingTask(std::shared_ptr<Korvo::TaskScheduler> s, uint64_t* runs)
+       : Task(std::move(s), TaskPriority::normal, "bench"), runs_(runs) {}
+   void taskExecute() override { ++*runs_; }
+
+private:
+   uint64_t* runs_;
+};
+
+void BM_QueuedTasksToRun(benchmark::State& state) {
+   auto root = Korvo::schedulerRootKorvoNonShared("bench");
+   uint64_t runs = 0;
+   std::vector<std::shared_ptr<CountingTask>> tasks;
+   for (size_t i = 0; i < kArmed; ++i) {
+      tasks.push_back(Korvo::makeShared<CountingTask>(root, &runs));
+   }
+   for (auto _ : state) {
+      state.PauseTiming();
+      for (auto& t : tasks) {
+         t->scheduleTask();
+      }
+      state.ResumeTiming();
+      P::doEventLoop();
+   }
+   state.counters["ns_per_task"] =
+       benchmark::Counter(static_cast<double>(state.iterations() * kArmed),
+                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_QueuedTasksToRun)->Unit(benchmark::kMillisecond);
 
 void BM_LibeventTimerExpiryToRun(benchmark::State& state) {
    P::setFastForward(true);

@@ -15,6 +15,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 #include <memory>
 
 namespace Korvo {
@@ -38,8 +39,22 @@ struct LeThreadState {
    // Virtual-time offset; usec stays in [0, 999999].
    int64_t offsetSec = 0;
    int64_t offsetUsec = 0;
+   // The same offset in seconds, kept with the two above: the clock adds it on
+   // every read.
+   double offset = 0.0;
 };
-extern thread_local constinit LeThreadState leState;
+// Initial-exec: the clock and the timer paths reach it without a call into the
+// dynamic linker. It takes a few bytes of the static TLS that glibc keeps for
+// libraries, also when the library is loaded by dlopen.
+extern thread_local constinit LeThreadState leState __attribute__((tls_model("initial-exec")));
+
+// Korvo::time(), inline for the library's own timer paths: the monotonic clock plus
+// this thread's virtual-time offset.
+inline double libraryTime() {
+   timespec ts;
+   clock_gettime(CLOCK_MONOTONIC, &ts);
+   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9 + leState.offset;
+}
 
 // Sets leState.mainThread from isMainThread().
 void setMainThread();

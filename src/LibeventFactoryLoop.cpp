@@ -125,7 +125,7 @@ void leRegisterFastForwardChangeNotifier(void (*notifier)()) {
 }
 
 double leVirtualTimeOffset() {
-   return static_cast<double>(leState.offsetSec) + static_cast<double>(leState.offsetUsec) / 1e6;
+   return leState.offset;
 }
 
 void applyFastForwardDelta(const timeval* delta) {
@@ -139,6 +139,8 @@ void applyFastForwardDelta(const timeval* delta) {
       leState.offsetUsec -= 1000000;
       ++leState.offsetSec;
    }
+   leState.offset =
+       static_cast<double>(leState.offsetSec) + static_cast<double>(leState.offsetUsec) / 1e6;
    KORVO_TRACE(leDebug(), 2,
                "Increasing virtual time offset by " << secondsFromTimeval(*delta) << " to "
                                                     << leVirtualTimeOffset());

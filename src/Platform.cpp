@@ -10,10 +10,7 @@
 namespace Korvo {
 
 double time() {
-   timespec ts;
-   clock_gettime(CLOCK_MONOTONIC, &ts);
-   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9 +
-          leVirtualTimeOffset();
+   return libraryTime();
 }
 
 namespace Platform {

@@ -190,6 +190,10 @@ void timeout_del(struct timeout* to) {
 
 /* --- The wheel ---------------------------------------------------------------------------- */
 
+unsigned timeouts_version(void) {
+   return TIMEOUTS_VERSION;
+}
+
 size_t timeouts_sizeof(void) {
    return sizeof(struct timeouts);
 }

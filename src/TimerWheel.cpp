@@ -5,6 +5,7 @@
 #include "Korvo/Debug.h"
 #include "Korvo/Exception.h"
 #include "Korvo/Thread.h"
+#include "LibeventFactory.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,16 +18,49 @@ constexpr uint32_t inTimerWheelFlag = 8;
 constexpr uint32_t inTimersExpiryingSoonFlag = 16;
 constexpr uint32_t stateFlags = notLinkedFlag | inTimerWheelFlag | inTimersExpiryingSoonFlag;
 
-// Made at load, never destroyed: wheels of exiting threads still trace.
-Platform::DebugHandler& debug() {
+// Made at load, never destroyed: wheels of exiting threads still trace. Trace
+// sites read the pointer; the call is only for a wheel used before the library
+// finished loading.
+Platform::DebugHandler* wheelDebugHandler = nullptr;
+
+[[gnu::noinline, gnu::cold]] Platform::DebugHandler& makeWheelDebug() {
    static auto* const handler =
        new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoTimerWheel"));
+   wheelDebugHandler = handler->get();
    return **handler;
 }
-[[maybe_unused]] const bool debugMadeAtLoad = (debug(), true);
+[[maybe_unused]] const bool debugMadeAtLoad = (makeWheelDebug(), true);
 
-#define WHEEL_TRACE(level, method, msg) \
-   KORVO_TRACE(debug(), level, "TimerWheel::" method ":" << __LINE__ << " " << msg)
+inline Platform::DebugHandler& debug() {
+   Platform::DebugHandler* handler = wheelDebugHandler;
+   return __builtin_expect(handler != nullptr, 1) ? *handler : makeWheelDebug();
+}
+
+// Traces and assertion texts are built in out-of-line cold lambdas, so that the
+// timer paths that test them keep a small frame and no call when all is well.
+#define WHEEL_TRACE(level, method, msg)                                             \
+   do {                                                                             \
+      if (__builtin_expect(debug().enabled(level), 0)) {                            \
+         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) { \
+            Platform::DebugStream stream;                                           \
+            stream << "TimerWheel::" method ":" << line << " " << msg;              \
+            debug().dump(stream, (level), __FILE__, line, func);                    \
+         }                                                                          \
+         ();                                                                        \
+      }                                                                             \
+   } while (0)
+
+#define WHEEL_ASSERT(cond, msg)                                                              \
+   do {                                                                                      \
+      if (__builtin_expect(!(cond), 0)) {                                                    \
+         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
+            Platform::DebugStream stream;                                                    \
+            stream << msg;                                                                   \
+            debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \
+         }                                                                                   \
+         ();                                                                                 \
+      }                                                                                      \
+   } while (0)
 
 }  // namespace
 
@@ -192,18 +226,18 @@ void TimerWheel::setCurrentTime() {
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
-   timerStartAt(event, Korvo::time() + delay);
+   timerStartAt(event, libraryTime() + delay);
 }
 
 void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
-   KORVO_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
    // Like the libevent controls, a time in the past means "due at once".
    expiry = std::max(expiry, 0.0);
    if (expiry == event->expirationTime_) {
       return;
    }
    if (event->running()) {
-      timerStop(event);
+      unlink(event);
    }
    event->expirationTime_ = expiry;
    const timeout_t tick = expiryTick(expiry);
@@ -211,7 +245,8 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
                "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
                         << " expire at " << expiry << " tick " << tick);
    timeouts_add(wheel_, &event->record_, tick);
-   event->stateIs(TimerWheelState::inTimerWheel);
+   // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
+   event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
    if (masterExpiry_ > expiry) {
       setMasterTimer();
    }
@@ -223,19 +258,23 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
       return;
    }
    WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout");
-   switch (event->state()) {
-      case TimerWheelState::inTimerWheel:
-         timeouts_del(wheel_, &event->record_);
-         event->stateIs(TimerWheelState::notLinked);
-         break;
-      case TimerWheelState::inTimersExpiryingSoon:
-         KORVO_ASSERT(event->timersAtTimeout_ != nullptr, "No timersAtTimeout");
-         event->timersAtTimeout_->remove(event);
-         break;
-      case TimerWheelState::notLinked:
-         KORVO_FAIL("Not linked but expirationTime=" << event->expirationTime_);
-   }
+   unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
+}
+
+void TimerWheel::unlink(TimerWheelEvent* event) {
+   const uint32_t state = event->record_.flags & stateFlags;
+   if (__builtin_expect(state == inTimerWheelFlag, 1)) {
+      timeouts_del(wheel_, &event->record_);
+      event->record_.flags = (event->record_.flags & ~stateFlags) | notLinkedFlag;
+   } else if (state == inTimersExpiryingSoonFlag) {
+      WHEEL_ASSERT(event->timersAtTimeout_ != nullptr, "No timersAtTimeout");
+      event->timersAtTimeout_->remove(event);
+   } else {
+      WHEEL_ASSERT(state != notLinkedFlag,
+                   "Not linked but expirationTime=" << event->expirationTime_);
+      event->state();  // fails on a broken flags word
+   }
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {
@@ -248,7 +287,7 @@ void TimerWheel::moveExpiredToExpiringSoon() {
    while (struct timeout* record = timeouts_get(wheel_)) {
       TimerWheelEvent* event = TimerWheelEvent::timeoutLink2TimerWheelEvent(record);
       event->stateIs(TimerWheelState::notLinked);
-      timersExpiringSoon_[event->expirationTime_].pushBack(event);
+      expiringSoonAt(event->expirationTime_).pushBack(event);
    }
 }
 
@@ -265,7 +304,7 @@ void TimerWheel::runDueExpiringSoon(double now) {
          return;
       }
       if (first->second.empty()) {
-         timersExpiringSoon_.erase(first);
+         eraseFirstExpiringSoon();
          continue;
       }
       timerExpired(first->second.popFront());
@@ -291,8 +330,26 @@ void TimerWheel::timeout() {
 
 void TimerWheel::dropEmptyExpiringSoon() {
    while (!timersExpiringSoon_.empty() && timersExpiringSoon_.begin()->second.empty()) {
-      timersExpiringSoon_.erase(timersExpiringSoon_.begin());
+      eraseFirstExpiringSoon();
    }
+}
+
+TimersAtTimeout& TimerWheel::expiringSoonAt(double expiry) {
+   const auto at = timersExpiringSoon_.lower_bound(expiry);
+   if (at != timersExpiringSoon_.end() && at->first == expiry) {
+      return at->second;
+   }
+   if (spareEntries_.empty()) {
+      return timersExpiringSoon_.try_emplace(at, expiry)->second;
+   }
+   ExpiringSoon::node_type node = std::move(spareEntries_.back());
+   spareEntries_.pop_back();
+   node.key() = expiry;
+   return timersExpiringSoon_.insert(at, std::move(node))->second;
+}
+
+void TimerWheel::eraseFirstExpiringSoon() {
+   spareEntries_.push_back(timersExpiringSoon_.extract(timersExpiringSoon_.begin()));
 }
 
 void TimerWheel::setMasterTimer() {

@@ -41,9 +41,10 @@ std::vector<timeout*> drain(timeouts* T) {
 
 size_t count(timeouts* T, int flags) {
    size_t n = 0;
-   timeouts_it it = TIMEOUTS_IT_INITIALIZER(flags);
-   while (timeouts_next(T, &it))
+   timeout* to;
+   TIMEOUTS_FOREACH(to, T, flags) {
       n++;
+   }
    return n;
 }
 
@@ -59,8 +60,11 @@ std::string checkReport(const timeouts* T, bool* ok) {
 }
 
 TEST(TimeoutsTest, OpensWithRateAndReportsEmptyWheel) {
+   EXPECT_EQ(timeouts_version(), unsigned{TIMEOUTS_VERSION});
    Wheel byDefault = openWheel(0);
-   EXPECT_EQ(timeouts_hz(byDefault.get()), 1000u);
+   EXPECT_EQ(timeouts_hz(byDefault.get()), TIMEOUT_mHZ);
+   Wheel fine = openWheel(TIMEOUT_nHZ);
+   EXPECT_EQ(timeouts_hz(fine.get()), TIMEOUT_C(1000) * TIMEOUT_uHZ);
    Wheel T = openWheel(100);
    EXPECT_EQ(timeouts_hz(T.get()), 100u);
    EXPECT_FALSE(timeouts_pending(T.get()));
@@ -390,8 +394,18 @@ TEST(TimeoutsTest, IteratesPendingExpiredAndAll) {
    }
    EXPECT_EQ(timeouts_next(T.get(), &it), nullptr);
 
+   // Iterations nest.
+   size_t pairs = 0;
+   timeout *outer, *inner;
+   TIMEOUTS_FOREACH(outer, T.get(), TIMEOUTS_EXPIRED) {
+      TIMEOUTS_FOREACH(inner, T.get(), TIMEOUTS_EXPIRED) {
+         pairs += outer != inner;
+      }
+   }
+   EXPECT_EQ(pairs, expired * (expired - 1));
+
    // Deleting the record just returned is allowed.
-   timeouts_it_init(&it, TIMEOUTS_PENDING);
+   TIMEOUTS_IT_INIT(&it, TIMEOUTS_PENDING);
    size_t deleted = 0;
    while (timeout* to = timeouts_next(T.get(), &it)) {
       if (deleted++ % 2 == 0)

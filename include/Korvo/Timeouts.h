@@ -51,6 +51,21 @@ extern "C" {
 
 typedef uint64_t timeout_t;
 
+/* A tick constant of type timeout_t, e.g. TIMEOUT_C(6000). */
+#define TIMEOUT_C(n) UINT64_C(n)
+
+/* Common rates for timeouts_open: one tick per millisecond, microsecond, nanosecond. */
+#define TIMEOUT_mHZ TIMEOUT_C(1000)
+#define TIMEOUT_uHZ TIMEOUT_C(1000000)
+#define TIMEOUT_nHZ TIMEOUT_C(1000000000)
+
+/* The interface version these declarations describe, as 0xMMmmpp (major, minor, patch).
+ * The major number changes when a program built against older declarations could break. */
+#define TIMEOUTS_VERSION 0x010100
+/* The version of the library actually loaded; compare with TIMEOUTS_VERSION to detect a
+ * program run against an older library. */
+KORVO_EXPORT unsigned timeouts_version(void);
+
 /* Flags of a record. Bits 4, 8 and 16 of the flags word are the user's: the wheel never reads,
  * sets or clears them, and the user may change them at any time, also while the record is
  * linked. Other bits are reserved. */
@@ -172,6 +187,9 @@ struct timeouts_it {
 #define TIMEOUTS_IT_INITIALIZER(flags) \
    { (flags), 0, NULL }
 
+/* Restarts an iterator as a statement: TIMEOUTS_IT_INIT(&it, TIMEOUTS_ALL). */
+#define TIMEOUTS_IT_INIT(it, flags) ((void)timeouts_it_init((it), (flags)))
+
 static inline struct timeouts_it* timeouts_it_init(struct timeouts_it* it, int flags) {
    it->flags = flags;
    it->list = 0;
@@ -185,6 +203,17 @@ static inline struct timeouts_it* timeouts_it_init(struct timeouts_it* it, int f
  * change to the wheel ends the iteration's guarantees. With TIMEOUTS_CLEAR the returned record is
  * already idle, so the caller may free it at once. */
 KORVO_EXPORT struct timeout* timeouts_next(struct timeouts* T, struct timeouts_it* it);
+
+/* Runs the statement that follows once per selected record, in timeouts_next order, with var
+ * (a struct timeout*) set to the record; the same changes are allowed as with timeouts_next.
+ *   struct timeout* to;
+ *   TIMEOUTS_FOREACH(to, T, TIMEOUTS_PENDING) { ... }
+ * The iterator is hidden in the loop, so loops may nest; break leaves early. */
+#define TIMEOUTS_FOREACH(var, T, flags)                                                            \
+   for (struct timeouts_it TIMEOUTS_CAT_(timeouts_it_, __LINE__) = TIMEOUTS_IT_INITIALIZER(flags); \
+        ((var) = timeouts_next((T), &TIMEOUTS_CAT_(timeouts_it_, __LINE__))) != NULL;)
+#define TIMEOUTS_CAT_(a, b) TIMEOUTS_CAT2_(a, b)
+#define TIMEOUTS_CAT2_(a, b) a##b
 
 #ifdef __cplusplus
 }

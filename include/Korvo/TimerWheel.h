@@ -30,6 +30,7 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <vector>
 
 namespace Korvo {
 
@@ -136,15 +137,24 @@ public:
 
 private:
    void timeout() override;
+   // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
+   void unlink(TimerWheelEvent* event);
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
+   TimersAtTimeout& expiringSoonAt(double expiry);
+   void eraseFirstExpiringSoon();
+
+   using ExpiringSoon = std::map<double, TimersAtTimeout>;
 
    int error_;
    double masterExpiry_;
    std::shared_ptr<Platform::TimerControl> masterTimer_;
    struct timeouts* wheel_;
-   std::map<double, TimersAtTimeout> timersExpiringSoon_;
+   ExpiringSoon timersExpiringSoon_;
+   // Nodes of erased entries, reused for new ones: the map allocates only beyond
+   // the most distinct expiry times it ever held at once.
+   std::vector<ExpiringSoon::node_type> spareEntries_;
 };
 
 // The wheel of this thread (thread-local singletons) or of the process.
