@@ -78,15 +78,19 @@ public:
          failWrongThread(operation);
       }
    }
+   // For an owner that checks the thread itself and may switch its check off (the
+   // scheduler root for its loop callback).
+   void checkDisabledIs(bool disabled) { checkDisabled_ = disabled; }
 
 private:
-   // Fails "Executing in wrong thread ..." unless auxThreadCount is non-zero or this
-   // is a forked child.
+   // Fails "Executing in wrong thread ..." unless the check is disabled, auxThreadCount
+   // is non-zero or this is a forked child.
    [[gnu::cold, gnu::noinline]] void failWrongThread(const char* operation) const;
 
    std::shared_ptr<event_base> base_;
    pid_t tid_;
    pid_t pid_;
+   bool checkDisabled_ = false;
 };
 
 // libevent's log callback: "libevent: " and the message on leDebug(), at level 9, 5, 1
@@ -151,6 +155,8 @@ public:
    double remainingTimeout() const override;
    // Whether an expiry is pending (armed, or expired with the handler not yet run).
    bool pending() const;
+   // Switches this control's thread check off (or on again).
+   void threadCheckDisabledIs(bool disabled) { owner_.checkDisabledIs(disabled); }
 
    // Calls the handler's timeout() under the exception policy.
    void handleExpiry();
@@ -177,6 +183,7 @@ public:
    void requestCallback() override;
    void cancelCallback() override;
    bool pendingCallback() const override;
+   using LibeventTimerControl::threadCheckDisabledIs;
 
 private:
    void timeout() override;
