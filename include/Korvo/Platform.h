@@ -108,8 +108,8 @@ constexpr double maxDelaySeconds = 1e9;
 // withdraws everything it registered when destroyed. Any operation on it from another
 // thread is an assertion failure ("Executing in wrong thread ...") unless the exported
 // auxThreadCount (Korvo/TaskScheduler.h) is non-zero or the process is a forked child
-// of the one that made the control; the check costs one thread-local compare. Destroying it is allowed on any thread once its own thread has ended. A
-// null handler is an assertion failure.
+// of the one that made the control; the check costs one thread-local compare. Destroying it is
+// allowed on any thread once its own thread has ended. A null handler is an assertion failure.
 KORVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
 KORVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
