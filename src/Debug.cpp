@@ -482,8 +482,8 @@ void applyTraceFile() {
 }
 
 template <typename Apply>
-void forEachTraceItem(const char* spec, Apply apply) {
-   const std::string text(spec);
+void forEachTraceItem(const char* list, Apply apply) {
+   const std::string text(list);
    size_t begin = 0;
    // A trailing comma ends the walk: it adds no empty item.
    while (begin < text.size()) {
@@ -646,12 +646,12 @@ void destroyDebugHandler(DebugHandler* handler) noexcept {
    delete handler;
 }
 
-void setupKorvoDebug(const char* spec) noexcept {
+void setupKorvoDebug(const char* list) noexcept {
    {
       LocoGuard guard;
       applyTraceFile();
    }
-   const char* text = spec ? spec : std::getenv("TRACE");
+   const char* text = list ? list : std::getenv("TRACE");
    if (text == nullptr) {
       return;
    }
@@ -660,11 +660,11 @@ void setupKorvoDebug(const char* spec) noexcept {
    });
 }
 
-void clearKorvoDebug(const char* spec) noexcept {
-   if (spec == nullptr) {
+void clearKorvoDebug(const char* list) noexcept {
+   if (list == nullptr) {
       return;
    }
-   forEachTraceItem(spec, [](const std::string& name, const std::string& levels) {
+   forEachTraceItem(list, [](const std::string& name, const std::string& levels) {
       Nyx::DebugControl::clear(name, levels);
    });
 }
@@ -697,8 +697,8 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
    buffer->pubsync();
 }
 
-void setTraceFormat(const char* spec) noexcept {
-   const char* text = spec ? spec : std::getenv("TRACEFORMAT");
+void setTraceFormat(const char* fields) noexcept {
+   const char* text = fields ? fields : std::getenv("TRACEFORMAT");
    if (text == nullptr) {
       return;
    }

@@ -224,7 +224,7 @@ void leFree() {
 LeOwner::LeOwner() : base_(leBaseShare()), tid_(gettid()), pid_(::getpid()) {}
 
 void LeOwner::failWrongThread(const char* operation) const {
-   if (__atomic_load_n(&auxThreadCount, __ATOMIC_RELAXED) != 0) {
+   if (checkDisabled_ || __atomic_load_n(&auxThreadCount, __ATOMIC_RELAXED) != 0) {
       return;
    }
    // A forked child goes on using its parent's structures in its single thread, as the

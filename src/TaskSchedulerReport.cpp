@@ -217,7 +217,9 @@ void printStatsImpl(std::ostream& os, const TaskSchedulerQueueStats& queueStats,
    printPriorityTable(os, queueStats);
    os << reportFormat("Maximum scheduler slip %.6f seconds\n") % seconds(maxSlip);
    printLegend(os);
-   taskSchedulerDisplay(os, *live, "TaskName", liveNameWidthMin, false, skipNoRuns, liveLimit);
+   if (live != nullptr) {
+      taskSchedulerDisplay(os, *live, "TaskName", liveNameWidthMin, false, skipNoRuns, liveLimit);
+   }
    if (dead != nullptr) {
       taskSchedulerDisplay(os, *dead, "TaskName (completed)", deadNameWidthMin, true, false,
                            deadLimit);

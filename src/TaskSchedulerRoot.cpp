@@ -5,6 +5,7 @@
 #include "Korvo/TaskScheduler.h"
 #include "Korvo/Thread.h"
 
+#include "LibeventFactory.h"
 #include "TaskSchedulerDebug.h"
 
 #include <unistd.h>
@@ -143,6 +144,11 @@ void TaskSchedulerRoot::threadSanityDisabledIs(bool disabled) {
       return;
    }
    threadSanityDisabled_ = disabled;
+   // The root's loop callback is requested from wherever tasks are scheduled: with the
+   // root's check off, the control's own check must not stop what the root allows.
+   if (auto* control = dynamic_cast<LibeventCallbackControl*>(callbackControl_.get())) {
+      control->threadCheckDisabledIs(disabled);
+   }
    KORVO_TRACE(taskSchedulerDebug, 1,
                this << (disabled ? " dis" : " en") << "able thread sanity checking");
 }

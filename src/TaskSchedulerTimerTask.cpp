@@ -128,11 +128,13 @@ double TimerTask::currentExpirationTime() const {
 
 void TimerTask::doStopTimer() {
    timerRunning_ = false;
+   period_ = 0.0;
    delTimeout(timerWheel());
 }
 
 void TimerTask::stopTimerTask() {
    sanityCheckThread();
+   period_ = 0.0;
    const TaskTimePoint now = taskTime();
    if (timerRunning_) {
       KORVO_TRACE(taskSchedulerDebug, 9, "Timer stopped " << this << ", was running");
@@ -149,11 +151,57 @@ void TimerTask::timeout() {
    // Only queued here: the work runs when the scheduler picks the task, never inside
    // the wheel's expiry pass.
    timerRunning_ = false;
+   if (period_ > 0.0) {
+      rearmPeriod();
+   }
    TaskImpl::scheduleTask();
+}
+
+void TimerTask::rearmPeriod() {
+   // Counted from the start, not from now: a late expiry does not move the later ones,
+   // and periods already over are skipped rather than run in a burst.
+   const double now = Korvo::time();
+   uint64_t next = periodCount_ + 1;
+   if (!(periodStart_ + static_cast<double>(next) * period_ > now)) {
+      next = static_cast<uint64_t>(std::floor((now - periodStart_) / period_)) + 1;
+   }
+   periodCount_ = next;
+   timerWheel()->timerStartAt(this, periodStart_ + static_cast<double>(next) * period_);
+   timerRunning_ = true;
+}
+
+void TimerTask::startPeriod(double seconds) {
+   KORVO_ASSERT(seconds > 0.0 && !infiniteDelay(seconds), "period: " << seconds);
+   const TaskTimePoint now = taskTime();
+   unscheduleTaskPrivate(now);
+   if (timerRunning_) {
+      doStopTimer();
+   }
+   period_ = std::min(seconds, Platform::maxDelaySeconds);
+   periodStart_ = Korvo::time();
+   periodCount_ = 1;
+   timerWheel()->timerStartAt(this, periodStart_ + period_);
+   timerRunning_ = true;
+   KORVO_TRACE(taskSchedulerDebug, 8, "Timer periodic " << this << " period " << period_);
+   recordEvent(now, EventType::timerStart);
+   taskBusyIs(true, now);  // armed
+}
+
+void TimerTask::scheduleTaskPeriodic(double periodSeconds) {
+   sanityCheckThread();
+   startPeriod(periodSeconds);
+}
+
+void TimerTask::scheduleTaskPeriodic(Nanoseconds period) {
+   sanityCheckThread();
+   KORVO_ASSERT(period > Nanoseconds(0) && !infiniteDelay(period),
+                "period: " << DisplayDuration(period));
+   startPeriod(toSeconds(period));
 }
 
 void TimerTask::scheduleTask() {
    sanityCheckThread();
+   period_ = 0.0;
    if (timerRunning_) {
       doStopTimer();
    }
@@ -161,6 +209,7 @@ void TimerTask::scheduleTask() {
 }
 
 void TimerTask::taskRunFromTest() {
+   period_ = 0.0;
    if (timerRunning_) {
       doStopTimer();
    }
@@ -187,6 +236,10 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool replace) {
    }
    KORVO_ASSERT(!isNan(delay), "delayIntoFuture: " << traced(delay));
    const TaskTimePoint now = taskTime();
+   if (period_ > 0.0) {
+      // Whatever the delay, the task leaves periodic mode: its next run is this one.
+      doStopTimer();
+   }
    if (!replace && taskRunQueueLink_.isLinked()) {
       KORVO_TRACE(taskSchedulerDebug, 8, "Already on runQueue " << this);
       return;

@@ -143,6 +143,12 @@ TEST_F(RootTest, UseFromAnotherThreadFailsUnlessTheCheckIsOff) {
    root_->threadSanityDisabledIs(true);
    EXPECT_EQ(assertionTextInThread([&] { t->scheduleTask(); }), "");
    EXPECT_TRUE(t->taskScheduled());
+   // A task of the root itself: scheduling it requests the loop's callback, from the
+   // other thread; the root's switch covers that request too.
+   auto rooted = rootTask(TaskPriority::normal, "rooted");
+   EXPECT_EQ(assertionTextInThread([&] { rooted->scheduleTask(); }), "");
+   EXPECT_TRUE(rooted->taskScheduled());
+   rooted->unscheduleTask();
    root_->threadSanityDisabledIs(false);
    t->unscheduleTask();
 

@@ -17,6 +17,7 @@
 #include <random>
 #include <sstream>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -304,6 +305,48 @@ TEST_F(TimerTaskTest, RunsFromTheSchedulerAndSurvivesItsOwnHandler) {
    armed.reset();
    queued.reset();
    doEventLoop(0.5);
+}
+
+TEST_F(TimerTaskTest, PeriodicRunsDoNotDriftAndSkipMissedPeriods) {
+   auto t = timer("tick");
+   const double start = Korvo::time();
+   t->scheduleTaskPeriodic(100ms);
+   const double first = t->currentExpirationTime();
+   EXPECT_TRUE(t->armed() && t->taskBusy());
+   EXPECT_DOUBLE_EQ(t->timerPeriod(), 0.1);
+   doEventLoop(3600.0 + 0.05);  // a virtual hour
+   ASSERT_EQ(t->runTimes.size(), 36000u);
+   for (size_t i = 0; i < t->runTimes.size(); i += 997) {
+      EXPECT_GE(t->runTimes[i], start + 0.1 * static_cast<double>(i + 1) - 1e-6) << i;
+      EXPECT_LT(t->runTimes[i], start + 0.1 * static_cast<double>(i + 1) + 0.05) << i;
+   }
+   // A run 0.35 s late: the three periods it covered are skipped, the grid is kept.
+   t->runTimes.clear();
+   t->body = [](Timer&) {
+      static bool once = true;
+      if (std::exchange(once, false)) {
+         Korvo::Platform::fastForwardBy(0.35);
+      }
+   };
+   const double from = Korvo::time();
+   doEventLoop(1.0);
+   EXPECT_LE(t->runTimes.size(), 8u);
+   EXPECT_GE(t->runTimes.size(), 6u);
+   EXPECT_NEAR(std::remainder(t->currentExpirationTime() - first, 0.1), 0.0, 1e-6);
+   EXPECT_GT(t->currentExpirationTime(), from + 1.0 - 0.1);
+   // Any other operation ends the periodic mode; bad periods change nothing.
+   t->scheduleTaskDelay(0.5);
+   EXPECT_EQ(t->timerPeriod(), 0.0);
+   for (double bad : {0.0, -1.0, inf, std::nan("")}) {
+      EXPECT_NE(KorvoTest::assertionText([&] { t->scheduleTaskPeriodic(bad); }).find("period: "),
+                std::string::npos);
+   }
+   EXPECT_NE(KorvoTest::assertionText([&] { t->scheduleTaskPeriodic(0ns); }).find("period: "),
+             std::string::npos);
+   EXPECT_EQ(t->timerPeriod(), 0.0);
+   t->runTimes.clear();
+   doEventLoop(2.0);
+   EXPECT_EQ(t->runTimes.size(), 1u);
 }
 
 }  // namespace

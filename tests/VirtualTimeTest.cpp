@@ -146,9 +146,13 @@ TEST(VirtualTimeTest, AnHourOfTimersRunsInOrder) {
       EXPECT_LT(timers[i].took(), 10.0 * (i + 1) + lateness);
    }
    ASSERT_EQ(ticker.firedAt.size(), 3600u);
+   // The ticker re-arms inside its handler, so each delay counts from the start of that
+   // pass of the loop, which a busy machine may leave well before the handler reads
+   // the clock: a step may look shorter by that much, never by a tick's worth.
+   const double passSlack = 0.1;
    for (size_t n = 1; n < ticker.firedAt.size(); ++n) {
       const double step = ticker.firedAt[n] - ticker.firedAt[n - 1];
-      EXPECT_GE(step, 1.0 - early);
+      EXPECT_GE(step, 1.0 - early - passSlack);
       EXPECT_LT(step, 1.0 + lateness);
    }
    EXPECT_LT(monotonic() - realStart, 600.0);  // an hour of timers, not an hour

@@ -183,9 +183,9 @@ KORVO_EXPORT void destroyDebugHandler(DebugHandler* handler) noexcept;
 
 // Applies TRACEFILE, then a TRACE-syntax list ("Name/levels,Prefix*/levels");
 // null reads TRACE. Only adds levels.
-KORVO_EXPORT void setupKorvoDebug(const char* spec) noexcept;
+KORVO_EXPORT void setupKorvoDebug(const char* list) noexcept;
 // Removes the levels of a TRACE-syntax list; null does nothing.
-KORVO_EXPORT void clearKorvoDebug(const char* spec) noexcept;
+KORVO_EXPORT void clearKorvoDebug(const char* list) noexcept;
 KORVO_EXPORT void dumpKorvoDebugMap() noexcept;
 
 // Writes one trace line: the TRACEFORMAT prefix, exactly `len` bytes of `msg`
@@ -195,7 +195,7 @@ KORVO_EXPORT void dumpDebugMsg(const char* msg, size_t len, uint32_t level, cons
 
 // Sets the line fields from "date,time,pid,tid,handle,level,line-info,func-name";
 // null reads TRACEFORMAT; "help" prints the usage; an unknown field changes nothing.
-KORVO_EXPORT void setTraceFormat(const char* spec) noexcept;
+KORVO_EXPORT void setTraceFormat(const char* fields) noexcept;
 KORVO_EXPORT void clearTraceFormat() noexcept;
 KORVO_EXPORT void printAllTraceFormat() noexcept;
 

@@ -35,6 +35,17 @@
 //   a jitter larger than d (which a negative d gives) are assertion failures. A
 //   result of exactly 0 queues the task at once.
 // - scheduleTask(): disarms and queues; stopTimerTask(): disarms and dequeues.
+// - scheduleTaskPeriodic(p): armed p from now, then at every expiry re-armed for the
+//   next multiple of p counted from this call, before the task is queued. Expiries
+//   are computed as start + n * p, never from a late "now", so a task ticking every
+//   100 ms runs exactly 36,000 times in an hour however late each run starts. A
+//   period missed entirely (the loop was busy past it) is skipped, not caught up: the
+//   next expiry is the first multiple still ahead, and a task still queued when its
+//   next expiry comes runs once. p must be finite and above 0 (else an assertion
+//   failure "period: <p>", before anything changes); it is clamped to
+//   Platform::maxDelaySeconds. Every other operation above (the task's own
+//   taskExecute() may call it) ends the periodic mode; timerPeriod() tells the period,
+//   0 when not periodic. While periodic the task is armed even when queued.
 // Seconds are "infinite" only at +infinity, nanoseconds only at nanoseconds::max();
 // finite delays above Platform::maxDelaySeconds (about 31.7 years) are clamped to it.
 // A NaN delay is an assertion failure ("delayIntoFuture: nan") before anything
@@ -53,6 +64,7 @@
 #include <Korvo/TimerWheel.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -83,8 +95,12 @@ public:
    void scheduleTaskJitterUp(std::chrono::nanoseconds delay, unsigned char maxJitterPercentage);
    void scheduleTaskJitterDown(double seconds, unsigned char maxJitterPercentage);
    void scheduleTaskJitterDown(std::chrono::nanoseconds delay, unsigned char maxJitterPercentage);
+   void scheduleTaskPeriodic(double periodSeconds);
+   void scheduleTaskPeriodic(std::chrono::nanoseconds period);
    // Disarms and takes the task off its run queue; harmless when idle.
    void stopTimerTask();
+   // Seconds between periodic expiries; 0.0 when not periodic.
+   double timerPeriod() const { return period_; }
 
    bool timerRunning() const { return timerRunning_; }
    // Seconds to the expiry; 0.0 once due; +infinity when not armed.
@@ -108,9 +124,15 @@ private:
    void scheduleTaskDelayedPrivate(Delay delay, bool replace);
    bool doStartTimer(double seconds, bool replace);
    void doStopTimer();
+   void startPeriod(double seconds);
+   void rearmPeriod();
    const std::shared_ptr<TimerWheel>& timerWheel() const;
 
    bool timerRunning_ = false;
+   // Periodic mode: expiry n is periodStart_ + n * period_.
+   double period_ = 0.0;
+   double periodStart_ = 0.0;
+   uint64_t periodCount_ = 0;
 };
 
 }  // namespace Korvo
