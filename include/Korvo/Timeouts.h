@@ -26,7 +26,8 @@
  * (in the sense that its tick and now differ above bit 55) is parked on an overflow list and
  * moved into the wheel when now gets there. Parked records never fire early.
  *
- * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1). An update costs O(1)
+ * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1); delete is inline
+ * and makes no call unless the record is the last of its list. An update costs O(1)
  * per level and per slot that comes due (a slot due as a whole joins the expired queue in one
  * step, whatever its length), plus O(1) per record it moves down a level. A record moves down at
  * most once per level it starts above, so a timeout of fewer than 65536 ticks cascades at most
