@@ -68,7 +68,6 @@ struct timeouts {
 
 _Static_assert(offsetof(struct timeouts, lists) == 0,
                "the header's timeouts_del needs the lists first");
-_Static_assert(LISTS <= UINT16_MAX, "a list index must fit in a record's 16 bits");
 _Static_assert(WORDS <= 32, "the summary of non-empty bitmap words must fit in 32 bits");
 _Static_assert(sizeof(struct timeouts) <= 16384, "a wheel must fit in 16 KiB");
 _Static_assert(sizeof(struct timeout) <= 48, "a record must fit in 48 bytes");
@@ -79,12 +78,10 @@ static inline void listAppend(struct timeout** head, struct timeout* to) {
    struct timeout* first = *head;
    if (!first) {
       to->next = to->prev = to;
-      to->first = 1;
       *head = to;
       return;
    }
    struct timeout* last = first->prev;
-   to->first = 0;
    to->next = first;
    to->prev = last;
    last->next = to;
@@ -101,11 +98,8 @@ static inline bool listRemove(struct timeout** head, struct timeout* to) {
    struct timeout* prev = to->prev;
    prev->next = next;
    next->prev = prev;
-   if (to->first) {
+   if (*head == to)
       *head = next;
-      next->first = 1;
-      next->list = to->list;
-   }
    return false;
 }
 
@@ -171,16 +165,15 @@ static inline void place(struct timeouts* T, struct timeout* to) {
    listAppend(&T->lists[list], to);
 }
 
-/* Only a record that heads its list has an exact list index: one spliced onto the expired
- * queue behind others keeps the index of its old slot until it becomes first there. */
+/* A record first on its list changes the list head (and the bitmaps when it is alone); any
+ * other is taken out in place. See timeouts_del for how a first record is recognised. */
 static inline void unlinkFrom(struct timeouts* T, struct timeout* to) {
-   if (!to->first) {
-      /* Neither the list head nor the bitmaps change. */
+   if (T->lists[to->list] != to && T->lists[EXPIRED_LIST] != to) {
       to->prev->next = to->next;
       to->next->prev = to->prev;
       return;
    }
-   unsigned list = to->list;
+   unsigned list = to->expires <= T->now ? (unsigned)EXPIRED_LIST : to->list;
    if (listRemove(&T->lists[list], to) && list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
 }
@@ -315,13 +308,11 @@ static void expireSlot(struct timeouts* T, unsigned list) {
    struct timeout* head = T->lists[EXPIRED_LIST];
    if (!head) {
       T->lists[EXPIRED_LIST] = first;
-      first->list = EXPIRED_LIST;
       warm(first);
       return;
    }
    struct timeout* last = first->prev;
    struct timeout* tail = head->prev;
-   first->first = 0;
    tail->next = first;
    first->prev = tail;
    last->next = head;
@@ -505,10 +496,6 @@ static bool checkRecord(const struct timeouts* T, unsigned list, const struct ti
    CHECK(to->timeouts == T, "list %u: record %p: wheel is %p, expected %p", list, (const void*)to,
          (const void*)to->timeouts, (const void*)T);
    CHECK(list == EXPIRED_LIST || to->list == list, "list %u: record %p: records list %u", list,
-         (const void*)to, to->list);
-   CHECK(!to->first == (to != T->lists[list]), "list %u: record %p: first mark is %u", list,
-         (const void*)to, to->first);
-   CHECK(!to->first || to->list == list, "list %u: record %p: first, with list %u", list,
          (const void*)to, to->list);
    unsigned expected = listOf(to->expires, T->now);
    CHECK(expected == list, "list %u: record %p: tick %llu at now %llu belongs on list %u", list,

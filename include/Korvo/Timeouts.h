@@ -27,7 +27,7 @@
  * moved into the wheel when now gets there. Parked records never fire early.
  *
  * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1); delete is inline
- * and makes no call unless the record is the last of its list. An update costs O(1)
+ * and makes no call unless the record is first on its list. An update costs O(1)
  * per level and per slot that comes due (a slot due as a whole joins the expired queue in one
  * step, whatever its length), plus O(1) per record it moves down a level. A record moves down at
  * most once per level it starts above, so a timeout of fewer than 65536 ticks cascades at most
@@ -93,8 +93,7 @@ struct timeout {
    struct timeout* next; /* circular list links */
    struct timeout* prev;
    timeout_t expires; /* absolute tick */
-   uint16_t list;     /* which of its wheel's lists holds it (exact while pending or first) */
-   uint16_t first;    /* non-zero while it is the first record of its list */
+   unsigned list;     /* which of its wheel's lists holds it, while pending */
    int flags;
    timeout_t interval;        /* period of an interval record, else 0 */
    struct timeouts* timeouts; /* the wheel it is linked on; NULL when idle */
@@ -102,7 +101,7 @@ struct timeout {
 
 /* An idle record with the given flags, for static initialisation. */
 #define TIMEOUT_INITIALIZER(flags) \
-   { NULL, NULL, 0, 0, 0, (flags), 0, NULL }
+   { NULL, NULL, 0, 0, (flags), 0, NULL }
 
 /* Makes the record idle with the given flags and returns it. Must not be called on a linked
  * record. */
@@ -147,31 +146,27 @@ KORVO_EXPORT timeout_t timeouts_timeout(const struct timeouts* T);
  * the expired queue. */
 KORVO_EXPORT void timeouts_add(struct timeouts* T, struct timeout* to, timeout_t tick);
 
-/* The out-of-line part of timeouts_del, for the last record of a list (the wheel's bitmaps
- * change). Call timeouts_del instead. */
+/* The out-of-line part of timeouts_del, for the first record of a list (the list head, and
+ * maybe the wheel's bitmaps, change). Call timeouts_del instead. */
 KORVO_EXPORT void timeouts_del_slow(struct timeout* to);
 
 /* Unlinks the record, pending or expired; does nothing when it is idle. The record is unlinked
  * from the wheel it is on, which must be T. Inline, and without a call unless the record is
- * alone on its list. */
+ * first on its list. */
 static inline void timeouts_del(struct timeouts* T, struct timeout* to) {
    (void)T;
    if (!to->timeouts)
       return;
-   struct timeout* next = to->next;
-   if (to->first) {
-      if (next == to) {
-         timeouts_del_slow(to);
-         return;
-      }
-      /* The wheel begins with its list heads; a first record's list index is exact. */
-      ((struct timeout**)(void*)to->timeouts)[to->list] = next;
-      next->first = 1;
-      next->list = to->list;
+   /* The wheel begins with its list heads, the expired queue's at index 0. A record heads
+    * either the list its index names (pending) or the expired queue (its index is then
+    * stale, but never names a list it heads). */
+   struct timeout* const* heads = (struct timeout* const*)(const void*)to->timeouts;
+   if (heads[to->list] == to || heads[0] == to) {
+      timeouts_del_slow(to);
+      return;
    }
-   struct timeout* prev = to->prev;
-   prev->next = next;
-   next->prev = prev;
+   to->prev->next = to->next;
+   to->next->prev = to->prev;
    to->timeouts = NULL;
 }
 
