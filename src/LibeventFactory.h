@@ -14,6 +14,7 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -227,11 +228,64 @@ private:
    event writeEvent_;
 };
 
+// Served by an eventfd that the loop watches for the control's whole life; requests
+// from any thread write to it, the loop drains it and runs the callback.
+class KORVO_EXPORT LibeventRemoteCallbackControl : public Platform::RemoteCallbackControl {
+public:
+   explicit LibeventRemoteCallbackControl(Platform::CallbackHandler* handler);
+   ~LibeventRemoteCallbackControl() override;
+   LibeventRemoteCallbackControl(const LibeventRemoteCallbackControl&) = delete;
+   LibeventRemoteCallbackControl& operator=(const LibeventRemoteCallbackControl&) = delete;
+
+   void requestCallback() override;
+   bool tryRequestCallback() override;
+   void cancelCallback() override;
+   bool pendingCallback() const override;
+
+   static void handleWakeup(evutil_socket_t fd, short, void* control);
+
+private:
+   void runCallback();
+
+   Platform::CallbackHandler* handler_;
+   LeOwner owner_;
+   std::shared_ptr<std::atomic<bool>> threadAlive_;
+   std::atomic<bool> pending_{false};
+   int fd_;
+   event event_;
+};
+
+// A persistent libevent signal event.
+class KORVO_EXPORT LibeventSignalControl : public Platform::SignalControl {
+public:
+   LibeventSignalControl(Platform::SignalHandler* handler, int signo);
+   ~LibeventSignalControl() override;
+   LibeventSignalControl(const LibeventSignalControl&) = delete;
+   LibeventSignalControl& operator=(const LibeventSignalControl&) = delete;
+
+   int signalNumber() const override { return signo_; }
+
+   static void handleSignal(evutil_socket_t, short, void* control);
+
+private:
+   void deliver();
+
+   Platform::SignalHandler* handler_;
+   int signo_;
+   LeOwner owner_;
+   event event_;
+};
+
 KORVO_EXPORT std::shared_ptr<LibeventTimerControl> getLeTimerControl(
     Platform::TimeoutHandler* handler);
 KORVO_EXPORT std::shared_ptr<LibeventCallbackControl> getLeCallbackControl(
     Platform::CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<LibeventFdControl> getLeFdControl(Platform::FdEventHandler* handler);
+KORVO_EXPORT std::shared_ptr<LibeventRemoteCallbackControl> getLeRemoteCallbackControl(
+    Platform::CallbackHandler* handler);
+// The signal checks of Platform::getSignalControl come first, before anything changes.
+KORVO_EXPORT std::shared_ptr<LibeventSignalControl> getLeSignalControl(
+    Platform::SignalHandler* handler, int signo);
 
 // ---- Loop runners.
 

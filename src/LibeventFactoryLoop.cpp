@@ -17,6 +17,9 @@ namespace {
 // the handler exception waiting to be rethrown once it has returned.
 thread_local int loopDepth_ = 0;
 thread_local std::exception_ptr parkedException_;
+// Set by exitEventLoop(): a loop call made of several dispatches (fast-forward) makes
+// no further one. Cleared when a loop call starts.
+thread_local bool exitRequested_ = false;
 
 // Read by every thread's loop, written by the main thread only.
 std::atomic<bool> fastForward_{false};
@@ -83,6 +86,14 @@ void parkLoopException() {
    if (!parkedException_) {
       parkedException_ = std::current_exception();
    }
+   event_base_loopbreak(leState.base);
+}
+
+void leExitEventLoop() {
+   if (loopDepth_ == 0) {
+      return;
+   }
+   exitRequested_ = true;
    event_base_loopbreak(leState.base);
 }
 
@@ -186,6 +197,7 @@ void eventLoopFastForwardToFirstTimer(double maxSeconds) {
 
 void doLeEventLoop() {
    leInit();
+   exitRequested_ = false;
    if (leFastForward()) {
       timeval delay;
       if (fastForwardDelayToFirstTimer(&delay)) {
@@ -197,6 +209,7 @@ void doLeEventLoop() {
 
 void doLeEventLoop(double seconds) {
    leInit();
+   exitRequested_ = false;
    const double span = secondsFromTimeval(timevalFromSeconds(seconds, "doEventLoop"));
    if (!leFastForward()) {
       eventLoopTimeout(span);
@@ -214,7 +227,7 @@ void doLeEventLoop(double seconds) {
       }
       eventLoopFastForwardToFirstTimer(end - now);
       now = Korvo::time();
-   } while (end > now);
+   } while (end > now && !exitRequested_);
 }
 
 void doLeEventLoopInWaitfor(double seconds) {

@@ -27,6 +27,18 @@ std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler) {
    return getLeFdControl(handler);
 }
 
+std::shared_ptr<RemoteCallbackControl> getRemoteCallbackControl(CallbackHandler* handler) {
+   return getLeRemoteCallbackControl(handler);
+}
+
+std::shared_ptr<SignalControl> getSignalControl(SignalHandler* handler, int signo) {
+   return getLeSignalControl(handler, signo);
+}
+
+void exitEventLoop() {
+   leExitEventLoop();
+}
+
 void doEventLoop() {
    doLeEventLoop();
 }

@@ -121,6 +121,30 @@ void TaskFdControl::clearEvents() {
 }
 
 // ---------------------------------------------------------------------------------
+// Signal
+
+TaskSignalControl::TaskSignalControl(SignalHandler* handler, int signo,
+                                     std::shared_ptr<TaskScheduler> scheduler,
+                                     TaskPriority priority, const std::string& name)
+    : Task(std::move(scheduler), priority, name),
+      handler_(handler),
+      loopControl_(Platform::getSignalControl(static_cast<SignalHandler*>(this), signo)) {}
+
+TaskSignalControl::~TaskSignalControl() = default;
+
+void TaskSignalControl::signalReceived(int) {
+   scheduleTask();
+}
+
+void TaskSignalControl::taskExecute() {
+   handler_->signalReceived(loopControl_->signalNumber());
+}
+
+int TaskSignalControl::signalNumber() const {
+   return loopControl_->signalNumber();
+}
+
+// ---------------------------------------------------------------------------------
 // Factories
 
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
@@ -142,6 +166,13 @@ std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler,
                                         TaskPriority priority, std::string name) {
    KORVO_ASSERT(handler != nullptr, "getFdControl: null handler");
    return makeShared<TaskFdControl>(handler, std::move(scheduler), priority, name);
+}
+
+std::shared_ptr<SignalControl> getSignalControl(SignalHandler* handler, int signo,
+                                                std::shared_ptr<TaskScheduler> scheduler,
+                                                TaskPriority priority, std::string name) {
+   KORVO_ASSERT(handler != nullptr, "getSignalControl: null handler");
+   return makeShared<TaskSignalControl>(handler, signo, std::move(scheduler), priority, name);
 }
 
 }  // namespace Korvo::Platform

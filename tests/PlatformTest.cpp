@@ -12,7 +12,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <limits>
@@ -549,6 +551,187 @@ TEST(ValuePrinterTest, UsesTheRegisteredPrinterElseTheHexDump) {
                                       [](const void*, int) { return std::string(); });
    EXPECT_EQ(printer->toString(bytes), "de ad be ef");
    Korvo::IntrospectionMap::printerIs("KorvoTest::Opaque", nullptr);
+}
+
+// ---- Leaving the loop, reaching it from other threads, signals.
+
+TEST(ExitEventLoopTest, ReturnsFromInsideAHandlerAlsoUnderFastForward) {
+   Korvo::Platform::exitEventLoop();  // outside a loop: nothing
+   Timer leave;
+   Timer later;
+   leave.onTimeout = [] { Korvo::Platform::exitEventLoop(); };
+   leave.control->setTimeout(0.01);
+   later.control->setTimeout(60.0);
+   Korvo::Platform::doEventLoop();  // would otherwise wait a minute
+   EXPECT_EQ(leave.fired, 1);
+   EXPECT_EQ(later.fired, 0);
+   later.control->delTimeout();
+
+   KorvoTest::FastForwardOn fastForward;
+   Timer tick;
+   tick.onTimeout = [&] {
+      if (tick.fired == 3) {
+         Korvo::Platform::exitEventLoop();
+      }
+      tick.control->setTimeout(1.0);
+   };
+   tick.control->setTimeout(1.0);
+   const double start = Korvo::time();
+   Korvo::Platform::doEventLoop(100.0);  // no further jump after the exit
+   EXPECT_EQ(tick.fired, 3);
+   EXPECT_LT(Korvo::time() - start, 4.0);
+   Korvo::Platform::doEventLoop(2.5);  // the next call runs normally
+   EXPECT_EQ(tick.fired, 5);
+}
+
+class Remote : public Korvo::Platform::CallbackHandler {
+public:
+   Remote() : control(Korvo::Platform::getRemoteCallbackControl(this)) {}
+   void callback() override { onCallback(); }
+   std::shared_ptr<Korvo::Platform::RemoteCallbackControl> control;
+   std::function<void()> onCallback;
+};
+
+TEST(RemoteCallbackControlTest, RequestsFromThreadsRunOnTheLoopSeeTheirWritesAndCoalesce) {
+   Remote remote;
+   const std::thread::id loopThread = std::this_thread::get_id();
+   // Ping-pong: each plain write made before a request is seen by the callback.
+   int value = 0;
+   std::atomic<int> acked{0};
+   std::vector<int> seen;
+   remote.onCallback = [&] {
+      EXPECT_EQ(std::this_thread::get_id(), loopThread);
+      seen.push_back(value);
+      acked.store(value, std::memory_order_release);
+      if (value == 200) {
+         Korvo::Platform::exitEventLoop();
+      }
+   };
+   std::thread pinger([&] {
+      for (int i = 1; i <= 200; ++i) {
+         value = i;
+         remote.control->requestCallback();
+         while (acked.load(std::memory_order_acquire) != i) {
+            std::this_thread::yield();
+         }
+      }
+   });
+   Korvo::Platform::doEventLoop();
+   pinger.join();
+   ASSERT_EQ(seen.size(), 200u);
+   EXPECT_EQ(seen.back(), 200);
+
+   // Four threads of blind requests: at most one run per request, the last one seen.
+   constexpr int kThreads = 4;
+   constexpr int kRequests = 2000;
+   std::atomic<int> done{0};
+   int calls = 0;
+   remote.onCallback = [&] {
+      ++calls;
+      if (done.load(std::memory_order_acquire) == kThreads) {
+         Korvo::Platform::exitEventLoop();
+      }
+   };
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+         for (int i = 0; i < kRequests; ++i) {
+            EXPECT_TRUE(remote.control->tryRequestCallback());
+         }
+         done.fetch_add(1, std::memory_order_acq_rel);
+         remote.control->requestCallback();
+      });
+   }
+   Korvo::Platform::doEventLoop();
+   for (std::thread& t : threads) {
+      t.join();
+   }
+   EXPECT_GE(calls, 1);
+   EXPECT_LE(calls, kThreads * (kRequests + 1));
+   EXPECT_FALSE(remote.control->pendingCallback());
+
+   // A cancelled request does not run.
+   calls = 0;
+   remote.control->requestCallback();
+   EXPECT_TRUE(remote.control->pendingCallback());
+   remote.control->cancelCallback();
+   Korvo::Platform::doEventLoop(0.02);
+   EXPECT_EQ(calls, 0);
+
+   // The loop's thread has ended: requests are refused, nothing breaks.
+   std::shared_ptr<Korvo::Platform::RemoteCallbackControl> orphan;
+   Remote* handler = nullptr;
+   std::thread([&] {
+      handler = new Remote;
+      orphan = handler->control;
+      handler->control.reset();
+   }).join();
+   testing::internal::CaptureStderr();
+   EXPECT_FALSE(orphan->tryRequestCallback());
+   orphan->requestCallback();
+   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("dropped: its thread has ended"));
+   EXPECT_FALSE(orphan->pendingCallback());
+   orphan.reset();
+   delete handler;
+   EXPECT_THAT(assertionText([] { Korvo::Platform::getRemoteCallbackControl(nullptr); }),
+               HasSubstr("getRemoteCallbackControl: null handler"));
+}
+
+class SignalWatcher : public Korvo::Platform::SignalHandler {
+public:
+   explicit SignalWatcher(int signo) : control(Korvo::Platform::getSignalControl(this, signo)) {}
+   void signalReceived(int signo) override {
+      received.push_back(signo);
+      if (throws) {
+         throw Marker{signo};
+      }
+      Korvo::Platform::exitEventLoop();
+   }
+   std::shared_ptr<Korvo::Platform::SignalControl> control;
+   std::vector<int> received;
+   bool throws = false;
+};
+
+TEST(SignalControlTest, RealKillIsDeliveredOnTheLoopAndBadRequestsFail) {
+   KorvoTest::ThrowOnAssert throwing;
+   Timer guard;  // ends the loop should the signal never come
+   guard.onTimeout = [] { Korvo::Platform::exitEventLoop(); };
+   guard.control->setTimeout(30.0);
+   {
+      SignalWatcher usr1(SIGUSR1);
+      EXPECT_EQ(usr1.control->signalNumber(), SIGUSR1);
+      ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
+      Korvo::Platform::doEventLoop();
+      EXPECT_EQ(usr1.received, std::vector<int>{SIGUSR1});
+      // A declined exception leaves doEventLoop().
+      usr1.throws = true;
+      ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
+      EXPECT_THROW(Korvo::Platform::doEventLoop(), Marker);
+
+      SignalWatcher* none = nullptr;
+      const std::pair<int, const char*> bad[] = {
+          {0, "invalid signal 0"},       {-1, "invalid signal -1"},
+          {NSIG, "invalid signal "},     {SIGKILL, "cannot be caught"},
+          {SIGSTOP, "cannot be caught"}, {SIGUSR1, "already has a control"},
+      };
+      for (const auto& [signo, message] : bad) {
+         EXPECT_THAT(assertionText([&, signo = signo] { none = new SignalWatcher(signo); }),
+                     HasSubstr(message))
+             << signo;
+      }
+      std::thread([&] {
+         EXPECT_THAT(assertionText([&] { none = new SignalWatcher(SIGUSR2); }),
+                     HasSubstr("signals are watched by another thread's loop"));
+      }).join();
+      EXPECT_EQ(none, nullptr);
+      EXPECT_THAT(assertionText([] { Korvo::Platform::getSignalControl(nullptr, SIGUSR2); }),
+                  HasSubstr("getSignalControl: null handler"));
+   }
+   // Destroyed: the disposition is back to what it was, and the signal free again.
+   struct sigaction action = {};
+   ASSERT_EQ(::sigaction(SIGUSR1, nullptr, &action), 0);
+   EXPECT_EQ(action.sa_handler, SIG_DFL);
+   SignalWatcher again(SIGUSR1);
 }
 
 }  // namespace

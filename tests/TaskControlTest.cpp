@@ -12,9 +12,11 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <csignal>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -228,5 +230,36 @@ INSTANTIATE_TEST_SUITE_P(Backends, ControlTest, ::testing::Values(false, true),
                          [](const testing::TestParamInfo<bool>& info) {
                             return info.param ? std::string("Tasks") : std::string("Libevent");
                          });
+
+class Signals : public P::SignalHandler {
+public:
+   void signalReceived(int signo) override {
+      received.push_back(signo);
+      P::exitEventLoop();
+   }
+   std::vector<int> received;
+};
+
+TEST(TaskSignalControlTest, DeliveriesRunAsTheTaskAndCoalesce) {
+   KorvoTest::ThrowOnAssert throwing;
+   auto root = Korvo::schedulerRootKorvoNonShared("sig");
+   Signals handler;
+   auto control = P::getSignalControl(&handler, SIGUSR2, root, TaskPriority::high, "usr2");
+   EXPECT_EQ(control->signalNumber(), SIGUSR2);
+   auto* task = dynamic_cast<P::TaskSignalControl*>(control.get());
+   ASSERT_NE(task, nullptr);
+   ASSERT_EQ(::kill(::getpid(), SIGUSR2), 0);
+   ASSERT_EQ(::kill(::getpid(), SIGUSR2), 0);
+   P::doEventLoop(5.0);
+   EXPECT_EQ(handler.received, std::vector<int>{SIGUSR2});
+   pump(3);  // two deliveries, one run
+   EXPECT_EQ(handler.received.size(), 1u);
+   EXPECT_FALSE(task->taskScheduled());
+   // The same checks as the loop's own signal control.
+   EXPECT_NE(KorvoTest::assertionText([&] {
+                P::getSignalControl(&handler, SIGUSR2, root, TaskPriority::high, "again");
+             }).find("already has a control"),
+             std::string::npos);
+}
 
 }  // namespace

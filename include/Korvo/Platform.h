@@ -100,6 +100,40 @@ public:
    virtual void clearEvents() = 0;
 };
 
+// A POSIX signal delivered on a loop: signalReceived() runs from inside
+// doEventLoop() on the control's thread, never in signal context, so it may do
+// anything a handler may do. Deliveries that arrive before the loop gets to them
+// coalesce into one call.
+class KORVO_EXPORT SignalHandler {
+public:
+   virtual ~SignalHandler() = default;
+   virtual void signalReceived(int signo) = 0;
+   virtual bool handleSignalException(int /*signo*/) { return false; }
+};
+
+// Watches its signal from creation to destruction; destroying it restores the
+// disposition the signal had before. While one exists, doEventLoop() without a span
+// does not run out of events: a daemon leaves it with exitEventLoop().
+class KORVO_EXPORT SignalControl {
+public:
+   virtual ~SignalControl() = default;
+   virtual int signalNumber() const = 0;
+};
+
+// A callback control whose requests may come from any thread. requestCallback(),
+// tryRequestCallback(), cancelCallback() and pendingCallback() are thread-safe and
+// lock-free; callback() runs on the control's own thread, from inside its loop, on a
+// later pass. Requests before that run coalesce into one, and everything the
+// requesting thread wrote before its request is visible to the callback. Cost: one
+// atomic exchange per request, one eventfd write for the first of a coalesced batch.
+class KORVO_EXPORT RemoteCallbackControl : public CallbackControl {
+public:
+   // As requestCallback(), but false once the control's thread has ended: no loop is
+   // left to run the callback, so the request is dropped (and traced at level 1 on
+   // "KorvoLibevent"). requestCallback() drops it the same way.
+   virtual bool tryRequestCallback() = 0;
+};
+
 // The largest delay a timer or a bounded loop takes (about 31.7 years).
 constexpr double maxDelaySeconds = 1e9;
 
@@ -114,6 +148,26 @@ KORVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handl
 KORVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
 
+// A control for `signo` on the calling thread's loop. Signals are process-wide, and
+// libevent delivers them to one event base only: every signal control of the process
+// lives on one thread at a time (the first one made chooses it; usually the main
+// thread), and one signal has at most one control. Assertion failures: a number
+// outside 1..NSIG-1 ("getSignalControl: invalid signal <n>"), SIGKILL or SIGSTOP
+// ("getSignalControl: signal <n> cannot be caught"), a second control for a signal
+// ("getSignalControl: signal <n> already has a control"), a control on another thread
+// while the chosen one still has any ("getSignalControl: signals are watched by
+// another thread's loop"). Other threads need not block the signal: whichever thread
+// the kernel picks only wakes the owning loop. Destruction follows the control rules
+// above.
+KORVO_EXPORT std::shared_ptr<SignalControl> getSignalControl(SignalHandler* handler, int signo);
+// A callback control of the calling thread's loop served by an eventfd, for requests
+// from other threads (see RemoteCallbackControl). Requesting threads hold a
+// std::shared_ptr to it; the last reference must still go on the owning thread, or
+// after that thread has ended, as for any control. The handler's exception goes to
+// handleCallbackException() as for getCallbackControl().
+KORVO_EXPORT std::shared_ptr<RemoteCallbackControl> getRemoteCallbackControl(
+    CallbackHandler* handler);
+
 // Run the calling thread's loop:
 // - doEventLoop(): until no events remain registered, or something breaks the loop;
 // - doEventLoop(seconds): for `seconds` of library time (crossed by jumps under
@@ -123,6 +177,11 @@ KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
 // A handler exception that its handler declines stops the loop and is rethrown here
 // unchanged. Calling any of them from inside a handler of the same loop is an
 // assertion failure.
+// exitEventLoop(), from inside a handler, makes the running loop call of this thread
+// return once that handler is done (the other events due in the same pass wait for
+// the next loop call; under fast-forward no further jump is made). Outside a running
+// loop it does nothing. Events stay registered.
+KORVO_EXPORT void exitEventLoop();
 KORVO_EXPORT void doEventLoop();
 KORVO_EXPORT void doEventLoop(double seconds);
 KORVO_EXPORT void doEventLoopInWaitfor(double seconds);
@@ -207,6 +266,7 @@ KORVO_EXPORT void leForkReinit();
 KORVO_EXPORT void doLeEventLoop();
 KORVO_EXPORT void doLeEventLoop(double seconds);
 KORVO_EXPORT void doLeEventLoopInWaitfor(double seconds);
+KORVO_EXPORT void leExitEventLoop();
 // Runs this thread's loop for `seconds` of real time, whatever the fast-forward switch
 // says: nothing jumps, and virtual-time jumps made by handlers meanwhile do not
 // shorten the span. Returns early only when something else breaks or exits the loop

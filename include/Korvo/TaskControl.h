@@ -34,6 +34,11 @@
 // descriptors are never closed. clearEvents() is delFd(): it also forgets the
 // descriptor, while the interests stay, so a later setFd() resumes with them.
 //
+// A signal control made here watches its signal on the thread's loop as
+// Platform::getSignalControl(handler, signo) does (the same process-wide rules and
+// assertion failures) and runs signalReceived() as the task: deliveries before the
+// run coalesce into one run, and nothing is caught, as for timers and callbacks.
+//
 // Ownership: a control lives as long as the returned pointer; its handler belongs to
 // the client and must outlive it. A handler may destroy its own control inside its
 // call (the run holds a reference until it returns). Thread: the scheduler's root
@@ -108,6 +113,24 @@ private:
    ::Korvo::Platform::FdEventHandler* handler_;
 };
 
+class KORVO_EXPORT TaskSignalControl : public Task, public SignalControl, private SignalHandler {
+public:
+   TaskSignalControl(::Korvo::Platform::SignalHandler* handler, int signo,
+                     std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                     const std::string& name);
+   ~TaskSignalControl() override;
+   // handler->signalReceived(signalNumber()), nothing caught.
+   void taskExecute() override;
+   int signalNumber() const override;
+
+private:
+   // The loop's delivery: queues the task.
+   void signalReceived(int signo) override;
+
+   ::Korvo::Platform::SignalHandler* handler_;
+   std::shared_ptr<SignalControl> loopControl_;
+};
+
 // Controls served by a task of `scheduler` at `priority`, named `name`. A null
 // handler is an assertion failure.
 KORVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
@@ -119,6 +142,10 @@ KORVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(
 KORVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler,
                                                      std::shared_ptr<TaskScheduler> scheduler,
                                                      TaskPriority priority, std::string name);
+
+KORVO_EXPORT std::shared_ptr<SignalControl> getSignalControl(
+    SignalHandler* handler, int signo, std::shared_ptr<TaskScheduler> scheduler,
+    TaskPriority priority, std::string name);
 
 }  // namespace Platform
 }  // namespace Korvo
