@@ -54,6 +54,9 @@ enum {
 #define SPAN_BITS (LEVELS * LEVEL_BITS)
 
 struct timeouts {
+   /* First, at offset 0: the inline timeouts_del of the header reaches a list head as
+    * ((struct timeout**)T)[list]. */
+   struct timeout* lists[LISTS];
    timeout_t now;
    /* A lower bound of the parked ticks: exact after each add to the parked list and each pass
     * over it, merely low after deletes, which is all timeouts_timeout needs. */
@@ -61,9 +64,11 @@ struct timeouts {
    timeout_t hz;
    uint32_t nonempty; /* bit w set iff slotBits[w] != 0 */
    uint64_t slotBits[WORDS];
-   struct timeout* lists[LISTS];
 };
 
+_Static_assert(offsetof(struct timeouts, lists) == 0,
+               "the header's timeouts_del needs the lists first");
+_Static_assert(LISTS <= UINT16_MAX, "a list index must fit in a record's 16 bits");
 _Static_assert(WORDS <= 32, "the summary of non-empty bitmap words must fit in 32 bits");
 _Static_assert(sizeof(struct timeouts) <= 16384, "a wheel must fit in 16 KiB");
 _Static_assert(sizeof(struct timeout) <= 48, "a record must fit in 48 bytes");
@@ -74,10 +79,12 @@ static inline void listAppend(struct timeout** head, struct timeout* to) {
    struct timeout* first = *head;
    if (!first) {
       to->next = to->prev = to;
+      to->first = 1;
       *head = to;
       return;
    }
    struct timeout* last = first->prev;
+   to->first = 0;
    to->next = first;
    to->prev = last;
    last->next = to;
@@ -94,8 +101,11 @@ static inline bool listRemove(struct timeout** head, struct timeout* to) {
    struct timeout* prev = to->prev;
    prev->next = next;
    next->prev = prev;
-   if (*head == to)
+   if (to->first) {
       *head = next;
+      next->first = 1;
+      next->list = to->list;
+   }
    return false;
 }
 
@@ -161,8 +171,16 @@ static inline void place(struct timeouts* T, struct timeout* to) {
    listAppend(&T->lists[list], to);
 }
 
+/* Only a record that heads its list has an exact list index: one spliced onto the expired
+ * queue behind others keeps the index of its old slot until it becomes first there. */
 static inline void unlinkFrom(struct timeouts* T, struct timeout* to) {
-   unsigned list = to->expires <= T->now ? (unsigned)EXPIRED_LIST : to->list;
+   if (!to->first) {
+      /* Neither the list head nor the bitmaps change. */
+      to->prev->next = to->next;
+      to->next->prev = to->prev;
+      return;
+   }
+   unsigned list = to->list;
    if (listRemove(&T->lists[list], to) && list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
 }
@@ -175,17 +193,17 @@ struct timeout* timeout_init(struct timeout* to, int flags) {
    return to;
 }
 
+void timeouts_del_slow(struct timeout* to) {
+   unlinkFrom(to->timeouts, to);
+   to->timeouts = NULL;
+}
+
 bool timeout_pending(const struct timeout* to) {
    return to->timeouts && to->expires > to->timeouts->now;
 }
 
 bool timeout_expired(const struct timeout* to) {
    return to->timeouts && to->expires <= to->timeouts->now;
-}
-
-void timeout_del(struct timeout* to) {
-   if (to->timeouts)
-      timeouts_del(to->timeouts, to);
 }
 
 /* --- The wheel ---------------------------------------------------------------------------- */
@@ -297,11 +315,13 @@ static void expireSlot(struct timeouts* T, unsigned list) {
    struct timeout* head = T->lists[EXPIRED_LIST];
    if (!head) {
       T->lists[EXPIRED_LIST] = first;
+      first->list = EXPIRED_LIST;
       warm(first);
       return;
    }
    struct timeout* last = first->prev;
    struct timeout* tail = head->prev;
+   first->first = 0;
    tail->next = first;
    first->prev = tail;
    last->next = head;
@@ -383,14 +403,6 @@ void timeouts_add(struct timeouts* T, struct timeout* to, timeout_t tick) {
    to->expires = firstExpiry(T, to, tick);
    to->timeouts = T;
    place(T, to);
-}
-
-void timeouts_del(struct timeouts* T, struct timeout* to) {
-   (void)T;
-   if (!to->timeouts)
-      return;
-   unlinkFrom(to->timeouts, to);
-   to->timeouts = NULL;
 }
 
 /* Re-arms an interval record that has just been taken off the expired queue at the first tick
@@ -493,6 +505,10 @@ static bool checkRecord(const struct timeouts* T, unsigned list, const struct ti
    CHECK(to->timeouts == T, "list %u: record %p: wheel is %p, expected %p", list, (const void*)to,
          (const void*)to->timeouts, (const void*)T);
    CHECK(list == EXPIRED_LIST || to->list == list, "list %u: record %p: records list %u", list,
+         (const void*)to, to->list);
+   CHECK(!to->first == (to != T->lists[list]), "list %u: record %p: first mark is %u", list,
+         (const void*)to, to->first);
+   CHECK(!to->first || to->list == list, "list %u: record %p: first, with list %u", list,
          (const void*)to, to->list);
    unsigned expected = listOf(to->expires, T->now);
    CHECK(expected == list, "list %u: record %p: tick %llu at now %llu belongs on list %u", list,

@@ -225,6 +225,28 @@ void TimerWheel::setCurrentTime() {
    timeouts_update(wheel_, tick);
 }
 
+inline void TimerWheel::unlink(TimerWheelEvent* event) {
+   // The common case inline; the others out of line.
+   if (__builtin_expect((event->record_.flags & stateFlags) == inTimerWheelFlag, 1)) {
+      timeouts_del(wheel_, &event->record_);
+      event->record_.flags = (event->record_.flags & ~stateFlags) | notLinkedFlag;
+   } else {
+      unlinkOther(event);
+   }
+}
+
+void TimerWheel::unlinkOther(TimerWheelEvent* event) {
+   const uint32_t state = event->record_.flags & stateFlags;
+   if (state == inTimersExpiryingSoonFlag) {
+      WHEEL_ASSERT(event->timersAtTimeout_ != nullptr, "No timersAtTimeout");
+      event->timersAtTimeout_->remove(event);
+   } else {
+      WHEEL_ASSERT(state != notLinkedFlag,
+                   "Not linked but expirationTime=" << event->expirationTime_);
+      event->state();  // fails on a broken flags word
+   }
+}
+
 void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
    timerStartAt(event, libraryTime() + delay);
 }
@@ -260,21 +282,6 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
    WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout");
    unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
-}
-
-void TimerWheel::unlink(TimerWheelEvent* event) {
-   const uint32_t state = event->record_.flags & stateFlags;
-   if (__builtin_expect(state == inTimerWheelFlag, 1)) {
-      timeouts_del(wheel_, &event->record_);
-      event->record_.flags = (event->record_.flags & ~stateFlags) | notLinkedFlag;
-   } else if (state == inTimersExpiryingSoonFlag) {
-      WHEEL_ASSERT(event->timersAtTimeout_ != nullptr, "No timersAtTimeout");
-      event->timersAtTimeout_->remove(event);
-   } else {
-      WHEEL_ASSERT(state != notLinkedFlag,
-                   "Not linked but expirationTime=" << event->expirationTime_);
-      event->state();  // fails on a broken flags word
-   }
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {

@@ -26,7 +26,8 @@
  * (in the sense that its tick and now differ above bit 55) is parked on an overflow list and
  * moved into the wheel when now gets there. Parked records never fire early.
  *
- * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1). An update costs O(1)
+ * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1); delete is inline
+ * and makes no call unless the record is the last of its list. An update costs O(1)
  * per level and per slot that comes due (a slot due as a whole joins the expired queue in one
  * step, whatever its length), plus O(1) per record it moves down a level. A record moves down at
  * most once per level it starts above, so a timeout of fewer than 65536 ticks cascades at most
@@ -92,7 +93,8 @@ struct timeout {
    struct timeout* next; /* circular list links */
    struct timeout* prev;
    timeout_t expires; /* absolute tick */
-   unsigned list;     /* which of its wheel's lists holds it, while pending */
+   uint16_t list;     /* which of its wheel's lists holds it (exact while pending or first) */
+   uint16_t first;    /* non-zero while it is the first record of its list */
    int flags;
    timeout_t interval;        /* period of an interval record, else 0 */
    struct timeouts* timeouts; /* the wheel it is linked on; NULL when idle */
@@ -100,7 +102,7 @@ struct timeout {
 
 /* An idle record with the given flags, for static initialisation. */
 #define TIMEOUT_INITIALIZER(flags) \
-   { NULL, NULL, 0, 0, (flags), 0, NULL }
+   { NULL, NULL, 0, 0, 0, (flags), 0, NULL }
 
 /* Makes the record idle with the given flags and returns it. Must not be called on a linked
  * record. */
@@ -111,10 +113,6 @@ KORVO_EXPORT bool timeout_pending(const struct timeout* to);
 
 /* True when the record's tick has been reached and it waits for timeouts_get. */
 KORVO_EXPORT bool timeout_expired(const struct timeout* to);
-
-/* Unlinks the record from the wheel it is on, pending or expired. Does nothing when idle, so it
- * may be called any number of times. */
-KORVO_EXPORT void timeout_del(struct timeout* to);
 
 /* Makes a wheel with now = 0. hz is the tick rate, 0 meaning 1000. Returns NULL and stores errno
  * in *error when out of memory; stores 0 in *error on success. error may be NULL. */
@@ -149,9 +147,39 @@ KORVO_EXPORT timeout_t timeouts_timeout(const struct timeouts* T);
  * the expired queue. */
 KORVO_EXPORT void timeouts_add(struct timeouts* T, struct timeout* to, timeout_t tick);
 
+/* The out-of-line part of timeouts_del, for the last record of a list (the wheel's bitmaps
+ * change). Call timeouts_del instead. */
+KORVO_EXPORT void timeouts_del_slow(struct timeout* to);
+
 /* Unlinks the record, pending or expired; does nothing when it is idle. The record is unlinked
- * from the wheel it is on, which must be T. */
-KORVO_EXPORT void timeouts_del(struct timeouts* T, struct timeout* to);
+ * from the wheel it is on, which must be T. Inline, and without a call unless the record is
+ * alone on its list. */
+static inline void timeouts_del(struct timeouts* T, struct timeout* to) {
+   (void)T;
+   if (!to->timeouts)
+      return;
+   struct timeout* next = to->next;
+   if (to->first) {
+      if (next == to) {
+         timeouts_del_slow(to);
+         return;
+      }
+      /* The wheel begins with its list heads; a first record's list index is exact. */
+      ((struct timeout**)(void*)to->timeouts)[to->list] = next;
+      next->first = 1;
+      next->list = to->list;
+   }
+   struct timeout* prev = to->prev;
+   prev->next = next;
+   next->prev = prev;
+   to->timeouts = NULL;
+}
+
+/* Unlinks the record from the wheel it is on, pending or expired. Does nothing when idle, so it
+ * may be called any number of times. */
+static inline void timeout_del(struct timeout* to) {
+   timeouts_del(to->timeouts, to);
+}
 
 /* Takes the first record off the expired queue and returns it, or NULL when none has expired.
  * The record is idle afterwards, unless it is an interval record, which is pending again. */

@@ -17,6 +17,13 @@
 // same wheel, itself included. If it throws, the exception leaves the expiry pass
 // at once; the wheel stays consistent and the timers still due run on a later
 // loop pass (the master timer is re-armed for them before the exception leaves).
+// A start at a time already past is due at once and runs on the next loop pass,
+// never within the pass that is running.
+//
+// Costs: a start reads the clock once; start and stop are O(1) and never allocate.
+// An expiry costs O(log k) for k distinct expiry times waiting in the
+// expiring-soon map (a few per tick); the map reuses its nodes, so steady
+// operation allocates nothing.
 
 #include <Korvo/Export.h>
 #include <Korvo/Platform.h>
@@ -139,6 +146,7 @@ private:
    void timeout() override;
    // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
    void unlink(TimerWheelEvent* event);
+   void unlinkOther(TimerWheelEvent* event);
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
