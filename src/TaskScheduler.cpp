@@ -56,6 +56,7 @@ TaskScheduler::TaskScheduler(const std::string& name, TaskSchedulerRoot* root,
     : history_(std::move(history)),
       name_(history_->stringCache().intern(name)),
       root_(root),
+      historyId_(history_->schedulerIdNew()),
       runRequestedAt_(taskTime()) {
    deadTaskStats_.max_load_factor(1.0f);
    forcedYieldTasks_.max_load_factor(1.0f);

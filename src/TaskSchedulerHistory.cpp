@@ -63,6 +63,7 @@ TaskSchedulerHistory::Event::Event(const TaskTimePoint& time, TaskSchedulerEvent
                                    const TaskScheduler* scheduler)
     : eventType_(type), time_(time) {
    KORVO_ASSERT(!eventNeedTask(type), "EventType: " << static_cast<unsigned>(type));
+   schedulerId_ = scheduler->historyId();
    name_ = scheduler->schedulerName();
 }
 

@@ -29,6 +29,7 @@ _TaskBase::_TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority prio
    if (scheduler_ == nullptr) {
       return;  // TaskImpl reports the missing scheduler.
    }
+   schedulerHistoryId_ = scheduler_->historyId();
    ConstStringCache& cache = scheduler_->stringCache();
    cache.internPair(name, &taskName_, &taskStatsName_);
    taskShortName_ = cache.intern(priority.oneCharString() + " " + name);

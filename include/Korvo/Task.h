@@ -96,6 +96,9 @@ public:
    // The priority letter, a blank and the name: "N flush".
    const ConstStringRef& taskShortName() const { return taskShortName_; }
    TaskPriority taskPriority() const { return taskPriority_; }
+   // The scheduler's history id, kept here so that recording an event need not reach
+   // the scheduler.
+   uint16_t taskSchedulerHistoryId() const { return schedulerHistoryId_; }
 
 private:
    std::shared_ptr<TaskScheduler> scheduler_;
@@ -103,6 +106,7 @@ private:
    ConstStringRef taskStatsName_;
    ConstStringRef taskShortName_;
    TaskPriority taskPriority_;
+   uint16_t schedulerHistoryId_ = 0;
 };
 
 // "scheduler:priority:name@0x..."; "NULL" for a null task.
@@ -279,7 +283,11 @@ public:
 
 inline TaskSchedulerHistory::Event::Event(const TaskTimePoint& time, TaskSchedulerEventType type,
                                           const _TaskBase* task)
-    : eventType_(type), time_(time), name_(task->taskName()) {
+    : eventType_(type),
+      priority_(task->taskPriority()),
+      schedulerId_(task->taskSchedulerHistoryId()),
+      time_(time),
+      name_(task->taskName()) {
    if (__builtin_expect(static_cast<unsigned>(type) > lastTaskEvent, 0)) {
       failTaskEventType(type);
    }

@@ -125,6 +125,26 @@ public:
    virtual void printStats(std::ostream& os, bool includeDead, bool skipNoRuns,
                            unsigned int nameWidthMin, unsigned int liveLimit,
                            unsigned int deadLimit) const;
+   // The statistics for a monitoring system to scrape, in the Prometheus text
+   // exposition format 0.0.4 (serve it as "text/plain; version=0.0.4"). Every series
+   // carries a `scheduler` label; task series add `task` (tasks sharing a scheduler
+   // and a name are summed into one series), priority series add `priority`:
+   //   korvo_task_runs_total, korvo_task_run_seconds_total,
+   //   korvo_task_quantum_violations_total{threshold="200"|"500"},
+   //   korvo_task_work_units_total                        counters of live tasks
+   //   korvo_task_work_pending, korvo_task_max_delay_seconds   gauges of live tasks
+   //   korvo_dead_tasks_total, korvo_dead_task_runs_total,
+   //   korvo_dead_task_run_seconds_total                  folded dead tasks per name
+   //   korvo_scheduler_tasks{state="runnable"|"idle"}      gauge per priority
+   //   korvo_scheduler_task_deaths_total, korvo_scheduler_runs_total  per priority
+   //   korvo_scheduler_max_delay_seconds                  the largest scheduler slip
+   //   korvo_history_capacity, korvo_history_events       the root's history
+   // Counters restart from zero when the statistics are cleared, and a live task's
+   // series moves to the dead families when it dies; monitoring systems read both
+   // as a counter reset. Label values are escaped as the format wants (backslash,
+   // double quote, newline) and invalid UTF-8 bytes become U+FFFD. Same cost as the
+   // statistics report without its formatting; nothing it reads is changed.
+   virtual void printMetrics(std::ostream& os) const;
    // Asks whoever drives this scheduler for one handleSchedulerRun().
    virtual void requestSchedulerRun() = 0;
    // Called when the set of tasks under forced test yielding turns non-empty or empty.
@@ -201,6 +221,8 @@ public:
 
    const ConstStringRef& schedulerName() const { return name_; }
    TaskSchedulerRoot* root() const { return root_; }
+   // The id that this scheduler's history events carry.
+   uint16_t historyId() const { return historyId_; }
    const std::shared_ptr<TaskSchedulerHistory>& history() const { return history_; }
    ConstStringCache& stringCache() const { return history_->stringCache(); }
    const RegisteredList& registeredTasks() const { return registeredTasks_; }
@@ -239,6 +261,7 @@ private:
    std::shared_ptr<TaskSchedulerHistory> history_;
    ConstStringRef name_;
    TaskSchedulerRoot* root_;
+   uint16_t historyId_;
    DeadTaskStats deadTaskStats_;
    RegisteredList registeredTasks_;
    TaskRunQueue runQueues_[TaskPriority::count];
@@ -281,6 +304,8 @@ public:
    void printStatsStdErr() const;
    // queueStats() summed over the root and its registered schedulers.
    TaskSchedulerQueueStats queueStatsRoot() const;
+   // The metrics of the root and every registered scheduler, one set of families.
+   void printMetrics(std::ostream& os) const override;
    // One event-loop callback; requests made while one is pending give one callback.
    void requestSchedulerRun() override;
    void handleTaskForceYieldInTest() override {}
@@ -343,6 +368,27 @@ public:
    // limit 4294967295 prints every event without a truncation note.
    void printHistory(std::ostream& os, unsigned int limit) const { history()->print(os, limit); }
    void printHistoryStdErr() const;
+   // The history as a timeline in the Trace Event Format (JSON), which Perfetto's UI
+   // (ui.perfetto.dev, "Open trace file") and chrome://tracing open. One track per
+   // scheduler, named after it, in a process named after the root:
+   // - each task run is a complete event ("ph":"X") named after the task, with the
+   //   task, scheduler and priority as args; a run whose start fell out of the window
+   //   begins at the window's first event (arg "truncated"), one still running when
+   //   the timeline is written is an open begin event ("ph":"B");
+   // - timer start/stop, suspend on/off, schedule while suspended, force-yield on/off,
+   //   create and delete are instant events on the task's track, the scheduler's
+   //   own events (suspended, virtual time, yield ratio) instant events on its track;
+   // - schedule/unschedule and task idle/busy are left out: the runs show them;
+   // - "runnable" is a counter track, one series per scheduler, 1 while it has
+   //   runnable tasks.
+   // Timestamps are microseconds of the steady clock (with nanosecond decimals), so
+   // timelines of one boot line up. Names are JSON-escaped, invalid UTF-8 bytes
+   // become U+FFFD. The timeline shows only what the history holds: to investigate,
+   // raise historyEntryCountIs() (24 bytes per event; 1,000,000 events = 24 MB) before
+   // the interesting period and write the timeline after it. Costs no memory beyond
+   // the history; linear in the events (100k events in a few tens of ms). Thread: the
+   // root's; events of schedulers that are gone are put on a track "scheduler#<id>".
+   void writeTimeline(std::ostream& os) const;
 
 private:
    void callback() override;

@@ -70,6 +70,10 @@ public:
       TaskSchedulerEventType eventType() const { return eventType_; }
       TaskTimePoint time() const { return time_; }
       const ConstStringRef& name() const { return name_; }
+      // The task's priority (absolute for scheduler events) and the history id of
+      // the task's scheduler, or of the scheduler itself (see schedulerIdNew()).
+      TaskPriority priority() const { return priority_; }
+      uint16_t schedulerId() const { return schedulerId_; }
       // The event's label (task labels padded to 11 characters) and the name.
       std::string display() const;
 
@@ -77,7 +81,11 @@ public:
       static constexpr unsigned lastTaskEvent = 14;
       [[noreturn]] static void failTaskEventType(TaskSchedulerEventType type);
 
+      // The priority and scheduler id sit in what would otherwise be padding: they
+      // cost no memory.
       TaskSchedulerEventType eventType_ = TaskSchedulerEventType::schedule;
+      TaskPriority priority_;
+      uint16_t schedulerId_ = 0;
       TaskTimePoint time_;
       ConstStringRef name_;
    };
@@ -108,11 +116,15 @@ public:
    void print(std::ostream& os, unsigned int limit) const;
 
    ConstStringCache& stringCache() { return stringCache_; }
+   // A small id for a new scheduler, so that events can name their scheduler without
+   // holding it (ids wrap after 65536 schedulers).
+   uint16_t schedulerIdNew() { return nextSchedulerId_++; }
 
 private:
    // Declared first so that it is destroyed last, after the events' name handles.
    ConstStringCache stringCache_;
    boost::circular_buffer<Event, Allocator<Event>> events_;
+   uint16_t nextSchedulerId_ = 0;
 };
 
 }  // namespace Korvo
