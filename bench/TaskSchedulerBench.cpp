@@ -11,6 +11,8 @@
 #include <Korvo/Platform.h>
 #include <Korvo/TaskScheduler.h>
 
+#include "AllocationCount.h"
+
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/event_struct.h>
@@ -20,43 +22,7 @@
 #include <new>
 #include <vector>
 
-// Every heap allocation of the process, the library's included (its Allocator uses
-// the aligned form). Defined out of line so that no caller sees new and free paired.
-namespace {
-std::atomic<uint64_t> allocations{0};
-
-__attribute__((noinline)) void* countedAlloc(std::size_t size, std::size_t align) {
-   allocations.fetch_add(1, std::memory_order_relaxed);
-   void* p = nullptr;
-   if (posix_memalign(&p, align < sizeof(void*) ? sizeof(void*) : align, size == 0 ? 1 : size) !=
-       0) {
-      throw std::bad_alloc();
-   }
-   return p;
-}
-__attribute__((noinline)) void release(void* p) noexcept {
-   std::free(p);
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-   return countedAlloc(size, alignof(std::max_align_t));
-}
-void* operator new(std::size_t size, std::align_val_t align) {
-   return countedAlloc(size, static_cast<std::size_t>(align));
-}
-void operator delete(void* p) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-   release(p);
-}
+using KorvoBench::allocations;
 
 namespace {
 

@@ -17,6 +17,8 @@
 #include <Korvo/TimerTask.h>
 #include <Korvo/TimerWheel.h>
 
+#include "AllocationCount.h"
+
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,41 +30,7 @@
 #include <random>
 #include <vector>
 
-namespace {
-std::atomic<uint64_t> allocations{0};
-
-__attribute__((noinline)) void* countedAlloc(std::size_t size, std::size_t align) {
-   allocations.fetch_add(1, std::memory_order_relaxed);
-   void* p = nullptr;
-   if (posix_memalign(&p, align < sizeof(void*) ? sizeof(void*) : align, size == 0 ? 1 : size) !=
-       0) {
-      throw std::bad_alloc();
-   }
-   return p;
-}
-__attribute__((noinline)) void release(void* p) noexcept {
-   std::free(p);
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-   return countedAlloc(size, alignof(std::max_align_t));
-}
-void* operator new(std::size_t size, std::align_val_t align) {
-   return countedAlloc(size, static_cast<std::size_t>(align));
-}
-void operator delete(void* p) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-   release(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-   release(p);
-}
+using KorvoBench::allocations;
 
 namespace {
 

@@ -601,11 +601,12 @@ TEST(RemoteCallbackControlTest, RequestsFromThreadsRunOnTheLoopSeeTheirWritesAnd
    std::vector<int> seen;
    remote.onCallback = [&] {
       EXPECT_EQ(std::this_thread::get_id(), loopThread);
-      seen.push_back(value);
-      acked.store(value, std::memory_order_release);
-      if (value == 200) {
+      const int got = value;  // the pinger writes again once it is acknowledged
+      seen.push_back(got);
+      if (got == 200) {
          Korvo::Platform::exitEventLoop();
       }
+      acked.store(got, std::memory_order_release);
    };
    std::thread pinger([&] {
       for (int i = 1; i <= 200; ++i) {
