@@ -7,6 +7,7 @@
 // ordinary definitions. Read `allocations` before and after the timed loop.
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
