@@ -131,6 +131,9 @@ public:
          check(-1, "mkdtemp");
       }
       dir_ = tmpl;
+      // A longer window for the timeline than the default history keeps
+      // (24 bytes an event: 2.4 MB).
+      root_->historyEntryCountIs(100000);
       group_ = Korvo::TaskGroup::TaskGroupIs("housekeeping", TaskPriority::low, false, root_);
       housekeeping_ = Korvo::makeShared<Housekeeping>(group_, *this);
       for (int signo : {SIGUSR1, SIGHUP, SIGTERM}) {
@@ -199,6 +202,7 @@ public:
             continue;
          }
          const uint64_t id = ++nextId_;
+         (listenFd == unixFd() ? unix_ : tcp_)->taskWorkCountInc(1);
          auto conn = Korvo::makeShared<Connection>(root_, *this, fd, id);
          connections_.emplace(id, std::move(conn));
          KORVO_TRACE(log_, 5, "connection " << id << " on fd " << fd);
@@ -453,8 +457,10 @@ int selftest() {
    ::getrlimit(RLIMIT_NOFILE, &lim);
    lim.rlim_cur = std::min<rlim_t>(lim.rlim_max, 8192);
    ::setrlimit(RLIMIT_NOFILE, &lim);
+   std::string dir;
    {
       Server server(600.0);
+      dir = server.dir();
       server.listen();
       const double start = Korvo::time();
 
@@ -522,6 +528,7 @@ int selftest() {
       Korvo::Platform::doEventLoop(1.0);
    }
    Korvo::Platform::setFastForward(false);
+   ::rmdir(dir.c_str());
    std::cout << (failures == 0 ? "selftest passed\n" : "selftest FAILED\n");
    return failures == 0 ? 0 : 1;
 }
