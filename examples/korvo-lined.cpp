@@ -9,8 +9,10 @@
 //  - tracing goes to the "KorvoLined" debug handler (TRACE=KorvoLined/0 ...);
 //  - SIGUSR1 prints the statistics report and the last history events and writes
 //    the timeline file (<dir>/timeline.json, for https://ui.perfetto.dev or
-//    chrome://tracing); SIGHUP re-reads tracing levels from <dir>/TRACE;
-//    SIGTERM leaves the loop, and every task and control is destroyed.
+//    chrome://tracing) and the metrics file (<dir>/metrics.prom, the Prometheus
+//    text format, e.g. for node_exporter's textfile collector); SIGHUP re-reads
+//    tracing levels from <dir>/TRACE; SIGTERM leaves the loop, and every task and
+//    control is destroyed.
 //
 // Limits, so that no client can make the daemon grow: a line longer than
 // maxLineBytes closes its connection, as does output a client does not read
@@ -153,6 +155,7 @@ public:
 
    std::string socketPath() const { return dir_ + "/lined.sock"; }
    std::string timelinePath() const { return dir_ + "/timeline.json"; }
+   std::string metricsPath() const { return dir_ + "/metrics.prom"; }
    const std::string& dir() const { return dir_; }
    uint16_t tcpPort() const { return tcpPort_; }
    const Korvo::Platform::DebugHandler& log() const { return *log_; }
@@ -238,6 +241,10 @@ public:
       root_->writeTimeline(timeline);
       os << "\ntimeline written to " << timelinePath()
          << "\n  open it in https://ui.perfetto.dev (\"Open trace file\") or chrome://tracing\n";
+      std::ofstream metrics(metricsPath());
+      root_->printMetrics(metrics);
+      os << "metrics written to " << metricsPath()
+         << "\n  the Prometheus text format: scrape it with a textfile collector\n";
       os.flush();
    }
 
