@@ -252,6 +252,16 @@ TEST_F(ExportTest, MetricsParseStrictlyAndMatchTheStatistics) {
    root_->printMetrics(os);
    m = parseMetrics(os.str());
    EXPECT_EQ(m.errors, std::vector<std::string>{}) << os.str();
+   if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
+      // Prometheus's own linter, where its package is installed.
+      char path[] = "/tmp/korvoMetricsXXXXXX";
+      const int fd = ::mkstemp(path);
+      ASSERT_GE(fd, 0);
+      ::close(fd);
+      std::ofstream(path) << os.str();
+      runCommand(std::string("promtool check metrics < ") + path + " 2>&1");
+      std::remove(path);
+   }
 
    std::vector<Korvo::TaskStat> live;
    sched_->getTaskStats(&live, true);
