@@ -6,6 +6,7 @@
 #include <boost/format.hpp>
 
 #include <algorithm>
+#include <array>
 #include <iostream>
 #include <limits>
 
@@ -245,17 +246,34 @@ TaskSchedulerQueueStats TaskScheduler::queueStats() const {
    return out;
 }
 
+namespace {
+// Gathers the rows of every scheduler in `schedulers` into one report; the slip is
+// the largest of theirs.
+template <typename Schedulers>
+void printStatsOf(std::ostream& os, const Schedulers& schedulers,
+                  const TaskSchedulerQueueStats& queueStats, bool includeDead, bool skipNoRuns,
+                  unsigned nameWidthMin, unsigned liveLimit, unsigned deadLimit) {
+   std::vector<TaskStat> live;
+   std::vector<TaskStat> dead;
+   TaskDuration maxSlip(0);
+   for (const TaskScheduler* s : schedulers) {
+      s->getTaskStats(&live, false);
+      if (includeDead) {
+         s->getDeadTaskStats(&dead, false);
+      }
+      maxSlip = std::max(maxSlip, s->schedulerLatencyHighWaterMark());
+   }
+   printStatsImpl(os, queueStats, maxSlip, &live, nameWidthMin, includeDead ? &dead : nullptr,
+                  nameWidthMin, skipNoRuns, liveLimit, deadLimit);
+}
+}  // namespace
+
 void TaskScheduler::printStats(std::ostream& os, bool includeDead, bool skipNoRuns,
                                unsigned nameWidthMin, unsigned liveLimit,
                                unsigned deadLimit) const {
-   std::vector<TaskStat> live;
-   std::vector<TaskStat> dead;
-   getTaskStats(&live, true);
-   if (includeDead) {
-      getDeadTaskStats(&dead, true);
-   }
-   printStatsImpl(os, queueStats(), schedulerLatencyHighWaterMark_, &live, nameWidthMin,
-                  includeDead ? &dead : nullptr, nameWidthMin, skipNoRuns, liveLimit, deadLimit);
+   const std::array<const TaskScheduler*, 1> self{this};
+   printStatsOf(os, self, queueStats(), includeDead, skipNoRuns, nameWidthMin, liveLimit,
+                deadLimit);
 }
 
 TaskSchedulerQueueStats TaskSchedulerRoot::queueStatsRoot() const {
@@ -269,18 +287,8 @@ TaskSchedulerQueueStats TaskSchedulerRoot::queueStatsRoot() const {
 void TaskSchedulerRoot::printStats(std::ostream& os, bool includeDead, bool skipNoRuns,
                                    unsigned nameWidthMin, unsigned liveLimit,
                                    unsigned deadLimit) const {
-   std::vector<TaskStat> live;
-   std::vector<TaskStat> dead;
-   TaskDuration maxSlip(0);
-   for (const TaskScheduler* s : registeredSchedulers()) {
-      s->getTaskStats(&live, false);
-      if (includeDead) {
-         s->getDeadTaskStats(&dead, false);
-      }
-      maxSlip = std::max(maxSlip, s->schedulerLatencyHighWaterMark());
-   }
-   printStatsImpl(os, queueStatsRoot(), maxSlip, &live, nameWidthMin, includeDead ? &dead : nullptr,
-                  nameWidthMin, skipNoRuns, liveLimit, deadLimit);
+   printStatsOf(os, registeredSchedulers(), queueStatsRoot(), includeDead, skipNoRuns, nameWidthMin,
+                liveLimit, deadLimit);
 }
 
 void TaskSchedulerRoot::printStatsStdErr() const {
