@@ -14,15 +14,13 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <functional>
 #include <limits>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace Korvo::Platform;
 using KorvoTest::assertionText;
+using KorvoTest::Handler;
 using KorvoTest::Pipe;
 using testing::HasSubstr;
 
@@ -30,13 +28,12 @@ namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-struct Timer : TimeoutHandler {
-   void timeout() override {
-      ++fired;
-      if (onTimeout)
-         onTimeout();
-   }
-   bool handleTimeoutException() override {
+// Declines or handles what its calls throw; notes what it was offered.
+struct Thrower : Handler, FdEventHandler {
+   bool handleTimeoutException() override { return offered(); }
+   bool handleCallbackException() override { return offered(); }
+   bool handleFdException(int fd) override { return fds.push_back(fd), offered(); }
+   bool offered() {
       try {
          throw;
       } catch (const int& thrown) {
@@ -45,62 +42,32 @@ struct Timer : TimeoutHandler {
       }
       return handles;
    }
-   std::shared_ptr<TimerControl> control = getTimerControl(this);
-   std::function<void()> onTimeout;
-   int fired = 0;
-   bool handles = false;
-   const int* seen = nullptr;
-};
-
-struct Callback : CallbackHandler {
-   void callback() override {
-      ++calls;
-      if (onCallback)
-         onCallback();
-   }
-   bool handleCallbackException() override { return ++exceptions, handles; }
-   std::shared_ptr<CallbackControl> control = getCallbackControl(this);
-   std::function<void()> onCallback;
-   int calls = 0, exceptions = 0;
-   bool handles = false;
-};
-
-struct FdWatcher : FdEventHandler {
    void readFdEvent(int fd) override {
       char c = 0;
       EXPECT_EQ(::read(fd, &c, 1), 1);
       got += c;
-      if (onRead)
-         onRead();
+      called();
    }
-   void writeFdEvent(int) override {
-      if (++writes < rewrites)
-         control->setWrites(true);
-   }
-   bool handleFdException(int fd) override {
-      exceptionFds.push_back(fd);
-      return handles;
-   }
-   std::shared_ptr<FdControl> control = getFdControl(this);
-   std::function<void()> onRead;
+   void writeFdEvent(int) override { called(); }
+   std::shared_ptr<FdControl> fdControl = getFdControl(this);
+   std::vector<int> fds;
    std::string got;
-   int writes = 0, rewrites = 0;
-   std::vector<int> exceptionFds;
+   const int* seen = nullptr;
    bool handles = false;
 };
 
 TEST(ControlTest, ThreadAndHandlerChecks) {
-   Timer timer;
-   Callback callback;
-   FdWatcher watcher;
+   Thrower h;
+   auto timer = getTimerControl(&h);
+   auto callback = getCallbackControl(&h);
    Pipe pipe;
-   const std::vector<std::function<void()>> uses = {[&] { timer.control->setTimeout(1.0); },
-                                                    [&] { timer.control->delTimeout(); },
-                                                    [&] { callback.control->requestCallback(); },
-                                                    [&] { callback.control->cancelCallback(); },
-                                                    [&] { watcher.control->setFd(pipe.readFd()); },
-                                                    [&] { watcher.control->setWrites(true); },
-                                                    [&] { watcher.control->delFd(); }};
+   const std::vector<std::function<void()>> uses = {[&] { timer->setTimeout(1.0); },
+                                                    [&] { timer->delTimeout(); },
+                                                    [&] { callback->requestCallback(); },
+                                                    [&] { callback->cancelCallback(); },
+                                                    [&] { h.fdControl->setFd(pipe.readFd()); },
+                                                    [&] { h.fdControl->setWrites(true); },
+                                                    [&] { h.fdControl->delFd(); }};
    std::thread([&uses] {
       for (const auto& use : uses)
          EXPECT_THAT(assertionText(use), HasSubstr("Executing in wrong thread "));
@@ -120,185 +87,178 @@ TEST(ControlTest, ThreadAndHandlerChecks) {
       EXPECT_THAT(assertionText(call), HasSubstr(text));
 }
 
-TEST(ControlTest, TimerArmsReplacesAndWithdraws) {
-   Timer timer;
-   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
-   timer.control->setTimeout(3600.0);
-   EXPECT_GT(timer.control->remainingTimeout(), 3599.0);
+TEST(ControlTest, TimersArmReplaceAndWithdraw) {
+   Handler h;
+   auto timer = getTimerControl(&h);
+   EXPECT_EQ(timer->remainingTimeout(), infinity);
+   timer->setTimeout(3600.0);
+   EXPECT_GT(timer->remainingTimeout(), 3599.0);
    const double armedAt = Korvo::time();
-   timer.control->setTimeout(0.02);  // replaces
-   Korvo::Platform::doEventLoop();   // returns once nothing is registered any more
-   EXPECT_EQ(timer.fired, 1);
-   EXPECT_GE(Korvo::time() - armedAt, 0.02 - KorvoTest::clockStep());
-   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
+   timer->setTimeout(0.02);  // replaces
+   doEventLoop();            // returns once nothing is registered any more
+   EXPECT_EQ(h.calls(), 1);
+   EXPECT_GE(h.at[0] - armedAt, 0.02 - KorvoTest::clockStep());
+   EXPECT_EQ(timer->remainingTimeout(), infinity);
 
-   timer.control->setTimeout(-2.5);  // due at once: 0.0 left, run by the loop only
-   EXPECT_EQ(timer.control->remainingTimeout(), 0.0);
-   timer.control->delTimeout();
-   timer.control->delTimeout();  // idle: harmless
-   EXPECT_EQ(timer.control->remainingTimeout(), infinity);
-   timer.control->setTimeout(infinity);  // clamped, still armed
-   EXPECT_GT(timer.control->remainingTimeout(), maxDelaySeconds - 1.0);
-   EXPECT_LE(timer.control->remainingTimeout(), maxDelaySeconds);
+   timer->setTimeout(-2.5);  // due at once: 0.0 left, run by the loop only
+   EXPECT_EQ(timer->remainingTimeout(), 0.0);
+   timer->delTimeout();
+   timer->delTimeout();  // idle: harmless
+   EXPECT_EQ(timer->remainingTimeout(), infinity);
+   timer->setTimeout(infinity);  // clamped, still armed
+   EXPECT_GT(timer->remainingTimeout(), maxDelaySeconds - 1.0);
+   EXPECT_LE(timer->remainingTimeout(), maxDelaySeconds);
    // NaN is a mistake and leaves the pending expiry alone.
-   EXPECT_THAT(assertionText([&] { timer.control->setTimeout(std::nan("")); }),
+   EXPECT_THAT(assertionText([&] { timer->setTimeout(std::nan("")); }),
                HasSubstr("LibeventTimerControl::setTimeout: seconds is NaN"));
-   EXPECT_GT(timer.control->remainingTimeout(), 1e8);
+   EXPECT_GT(timer->remainingTimeout(), 1e8);
 
-   // A handler may re-arm or destroy its own control.
-   timer.onTimeout = [&] {
-      if (timer.fired < 4)
-         timer.control->setTimeout(0.0);
-      else
-         timer.control.reset();
-   };
-   timer.control->setTimeout(0.0);
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(timer.fired, 4);
-   Timer withdrawn;
-   withdrawn.control->setTimeout(0.0);
-   withdrawn.control.reset();
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(withdrawn.fired, 0);
+   // A handler may re-arm or destroy its own control; a destroyed control is withdrawn.
+   h.then = [&] { h.calls() < 4 ? timer->setTimeout(0.0) : timer.reset(); };
+   timer->setTimeout(0.0);
+   doEventLoop();
+   EXPECT_EQ(h.calls(), 4);
+   timer = getTimerControl(&h);
+   timer->setTimeout(0.0);
+   timer.reset();
+   doEventLoop();
+   EXPECT_EQ(h.calls(), 4);
 }
 
 TEST(ControlDeathTest, MisuseAbortsByDefault) {
-   Timer timer;
-   EXPECT_DEATH(timer.control->setTimeout(std::nan("")),
+   Thrower h;
+   EXPECT_DEATH(getTimerControl(&h)->setTimeout(std::nan("")),
                 "Korvo::Assert aborting because: .*seconds is NaN");
-   FdWatcher watcher;
-   EXPECT_DEATH(watcher.control->setFd(-1), "Korvo::Assert aborting because: .*flags >= 0");
+   EXPECT_DEATH(h.fdControl->setFd(-1), "Korvo::Assert aborting because: .*flags >= 0");
 }
 
 TEST(ControlTest, CallbacksCoalesceAndRunFromTheLoopOnly) {
-   Callback cb, first, second;
-   cb.control->requestCallback();
-   cb.control->requestCallback();
-   EXPECT_TRUE(cb.control->pendingCallback());
-   EXPECT_EQ(cb.calls, 0);
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(cb.calls, 1);
-   EXPECT_FALSE(cb.control->pendingCallback());
-   cb.control->requestCallback();
-   cb.control->cancelCallback();
-   cb.control->cancelCallback();  // none pending: harmless
-   EXPECT_FALSE(cb.control->pendingCallback());
-   // A request from inside the callback runs on a later pass.
-   cb.onCallback = [&] {
-      if (cb.calls < 5)
-         cb.control->requestCallback();
+   Handler h, first, second;
+   auto cb = getCallbackControl(&h);
+   cb->requestCallback();
+   cb->requestCallback();
+   EXPECT_TRUE(cb->pendingCallback());
+   EXPECT_EQ(h.calls(), 0);
+   doEventLoop();
+   EXPECT_EQ(h.calls(), 1);
+   EXPECT_FALSE(cb->pendingCallback());
+   cb->requestCallback();
+   cb->cancelCallback();
+   cb->cancelCallback();  // none pending: harmless
+   EXPECT_FALSE(cb->pendingCallback());
+   h.then = [&] {  // a request from inside the callback runs on a later pass
+      if (h.calls() < 5)
+         cb->requestCallback();
    };
-   cb.control->requestCallback();
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(cb.calls, 5);
+   cb->requestCallback();
+   doEventLoop();
+   EXPECT_EQ(h.calls(), 5);
    // Whichever runs first destroys the other's control while it is due.
-   first.onCallback = [&] { second.control.reset(); };
-   second.onCallback = [&] { first.control.reset(); };
-   first.control->requestCallback();
-   second.control->requestCallback();
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(first.calls + second.calls, 1);
+   auto cb1 = getCallbackControl(&first), cb2 = getCallbackControl(&second);
+   first.then = [&] { cb2.reset(); };
+   second.then = [&] { cb1.reset(); };
+   cb1->requestCallback();
+   cb2->requestCallback();
+   doEventLoop();
+   EXPECT_EQ(first.calls() + second.calls(), 1);
 }
 
 TEST(ControlTest, HandlerExceptionsAreOfferedToTheHandler) {
-   Timer timer;
-   timer.onTimeout = [] { throw 42; };
-   timer.control->setTimeout(0.0);
+   Thrower h;
+   auto timer = getTimerControl(&h);
+   auto callback = getCallbackControl(&h);
+   h.then = [] { throw 42; };
+   timer->setTimeout(0.0);
    const int* caught = nullptr;
    try {
-      Korvo::Platform::doEventLoop();
+      doEventLoop();
    } catch (const int& thrown) {
       caught = &thrown;
    }
-   EXPECT_EQ(timer.seen, caught);  // declined: the very object leaves the loop
+   EXPECT_EQ(h.seen, caught);  // declined: the very object leaves the loop
    ASSERT_NE(caught, nullptr);
+   callback->requestCallback();
+   EXPECT_THROW(doEventLoop(), int);
+   EXPECT_FALSE(callback->pendingCallback());
 
-   Callback declined;
-   declined.onCallback = [] { throw std::runtime_error("declined"); };
-   declined.control->requestCallback();
-   EXPECT_THROW(Korvo::Platform::doEventLoop(), std::runtime_error);
-   EXPECT_EQ(declined.exceptions, 1);
-   EXPECT_FALSE(declined.control->pendingCallback());
-
-   // Handled: the loop goes on.
-   Callback handled;
-   handled.handles = timer.handles = true;
-   handled.onCallback = [] { throw std::runtime_error("callback"); };
-   timer.control->setTimeout(0.0);
-   handled.control->requestCallback();
+   h.handles = true;  // handled: the loop goes on
+   timer->setTimeout(0.0);
+   callback->requestCallback();
    KorvoTest::TraceCapture traces;
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(timer.fired, 2);
-   EXPECT_THAT(traces.text(), HasSubstr("Timeout notification exception was handled"));
-   EXPECT_THAT(traces.text(), HasSubstr("Callback notification exception was handled"));
+   doEventLoop();
+   const std::string text = traces.text();
+   EXPECT_EQ(h.calls(), 4);
+   EXPECT_THAT(text, HasSubstr("Timeout notification exception was handled"));
+   EXPECT_THAT(text, HasSubstr("Callback notification exception was handled"));
 
    Pipe pipe;
-   FdWatcher watcher;
-   watcher.onRead = [] { throw std::runtime_error("read"); };
-   watcher.control->setFd(pipe.readFd());
+   h.handles = false;
+   h.fdControl->setFd(pipe.readFd());
    pipe.put("ab");
-   EXPECT_THROW(Korvo::Platform::doEventLoop(), std::runtime_error);
-   watcher.handles = true;  // handled: the persistent read goes on until withdrawn
-   watcher.onRead = [&] {
-      watcher.control->delFd();
-      throw std::runtime_error("read");
+   EXPECT_THROW(doEventLoop(), int);
+   h.handles = true;  // handled: the persistent read goes on until withdrawn
+   h.then = [&] {
+      h.fdControl->delFd();
+      throw 42;
    };
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(watcher.exceptionFds, std::vector<int>(2, pipe.readFd()));
+   doEventLoop();
+   EXPECT_EQ(h.fds, std::vector<int>(2, pipe.readFd()));
 }
 
 TEST(ControlTest, FdWatches) {
    Pipe pipe;
-   FdWatcher watcher;
-   EXPECT_EQ(watcher.control->getFd(), -1);
-   watcher.control->setFd(pipe.readFd());  // alone: persistent reads, non-blocking
-   EXPECT_EQ(watcher.control->getFd(), pipe.readFd());
+   Thrower h;
+   auto& fd = h.fdControl;
+   EXPECT_EQ(fd->getFd(), -1);
+   fd->setFd(pipe.readFd());  // alone: persistent reads, non-blocking
+   EXPECT_EQ(fd->getFd(), pipe.readFd());
    EXPECT_NE(fcntl(pipe.readFd(), F_GETFL) & O_NONBLOCK, 0);
-   watcher.onRead = [&] {
-      if (watcher.got.size() == 3)
-         watcher.control->delFd();
+   h.then = [&] {
+      if (h.got.size() == 3)
+         fd->delFd();
    };
    pipe.put("xyz");
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(watcher.got, "xyz");
-   EXPECT_EQ(watcher.control->getFd(), -1);
+   doEventLoop();
+   EXPECT_EQ(h.got, "xyz");
+   EXPECT_EQ(fd->getFd(), -1);
+   // Interests set before the descriptor apply at once; clearEvents keeps the descriptor.
+   fd->setReads(false);
+   pipe.put("a");
+   fd->setFd(pipe.readFd());
+   doEventLoop();  // nothing watched
+   fd->setReads(true);
+   h.then = [&] { fd->clearEvents(); };
+   doEventLoop();
+   EXPECT_EQ(h.got, "xyza");
+   EXPECT_EQ(fd->getFd(), pipe.readFd());
+   fd.reset();
    EXPECT_NE(fcntl(pipe.readFd(), F_GETFD), -1);  // never closed by the control
 
-   // Interests set before the descriptor apply at once; clearEvents keeps the descriptor.
-   watcher.control->setReads(false);
-   pipe.put("a");
-   watcher.control->setFd(pipe.readFd());
-   Korvo::Platform::doEventLoop();  // nothing watched
-   watcher.control->setReads(true);
-   watcher.onRead = [&] { watcher.control->clearEvents(); };
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(watcher.got, "xyza");
-   EXPECT_EQ(watcher.control->getFd(), pipe.readFd());
-   watcher.control.reset();
-   EXPECT_NE(fcntl(pipe.readFd(), F_GETFD), -1);
+   Thrower writer;  // writes are one-shot
+   writer.then = [&] {
+      if (writer.calls() < 3)
+         writer.fdControl->setWrites(true);
+   };
+   writer.fdControl->setReads(false);
+   writer.fdControl->setWrites(true);
+   writer.fdControl->setFd(pipe.writeFd());
+   doEventLoop();
+   EXPECT_EQ(writer.calls(), 3);
 
-   // Writes are one-shot.
-   FdWatcher writer;
-   writer.rewrites = 3;
-   writer.control->setReads(false);
-   writer.control->setWrites(true);
-   writer.control->setFd(pipe.writeFd());
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(writer.writes, 3);
-
+   Thrower bad;
    const int pathFd = ::open("/tmp", O_PATH);  // has flags but cannot take O_NONBLOCK
-   EXPECT_THAT(assertionText([&] { writer.control->setFd(-1); }), HasSubstr("flags >= 0"));
-   EXPECT_THAT(assertionText([&] { writer.control->setFd(pathFd); }), HasSubstr("result == 0"));
+   EXPECT_THAT(assertionText([&] { bad.fdControl->setFd(-1); }), HasSubstr("flags >= 0"));
+   EXPECT_THAT(assertionText([&] { bad.fdControl->setFd(pathFd); }), HasSubstr("result == 0"));
    ::close(pathFd);
    char path[] = "/tmp/korvoFdControlXXXXXX";
-   const int fd = ::mkstemp(path);
+   const int file = ::mkstemp(path);
    ::unlink(path);
    KorvoTest::TraceCapture traces("1");
-   writer.control->setFd(fd);  // epoll takes no regular files
-   EXPECT_THAT(traces.text(), HasSubstr("cannot watch fd " + std::to_string(fd)));
-   Korvo::Platform::doEventLoop();  // nothing registered: returns at once
-   writer.control->delFd();
-   ::close(fd);
+   bad.fdControl->setFd(file);  // epoll takes no regular files
+   EXPECT_THAT(traces.text(), HasSubstr("cannot watch fd " + std::to_string(file)));
+   doEventLoop();  // nothing registered: returns at once
+   bad.fdControl->delFd();
+   ::close(file);
 }
 
 TEST(ControlTest, ValuePrinterUsesTheRegisteredPrinterElseTheHexDump) {
@@ -317,81 +277,75 @@ TEST(ControlTest, ValuePrinterUsesTheRegisteredPrinterElseTheHexDump) {
 }
 
 TEST(ControlTest, ExitEventLoopReturnsFromInsideAHandlerAlsoUnderFastForward) {
-   Korvo::Platform::exitEventLoop();  // outside a loop: nothing
+   exitEventLoop();  // outside a loop: nothing
    KorvoTest::FastForwardOn fastForward;
-   Timer tick;
-   tick.onTimeout = [&] {
-      if (tick.fired == 3)
-         Korvo::Platform::exitEventLoop();
-      tick.control->setTimeout(1.0);
+   Handler h;
+   auto tick = getTimerControl(&h);
+   h.then = [&] {
+      if (h.calls() == 3)
+         exitEventLoop();
+      tick->setTimeout(1.0);
    };
-   tick.control->setTimeout(1.0);
+   tick->setTimeout(1.0);
    const double start = Korvo::time();
-   Korvo::Platform::doEventLoop(100.0);  // no further jump after the exit
-   EXPECT_EQ(tick.fired, 3);
+   doEventLoop(100.0);  // no further jump after the exit
+   EXPECT_EQ(h.calls(), 3);
    EXPECT_LT(Korvo::time() - start, 4.0);
-   Korvo::Platform::doEventLoop(2.5);  // the next call runs normally
-   EXPECT_EQ(tick.fired, 5);
+   doEventLoop(2.5);  // the next call runs normally
+   EXPECT_EQ(h.calls(), 5);
 }
 
-struct Remote : CallbackHandler {
-   void callback() override { onCallback(); }
-   std::shared_ptr<RemoteCallbackControl> control = getRemoteCallbackControl(this);
-   std::function<void()> onCallback;
-};
-
 TEST(ControlTest, RemoteRequestsRunOnTheLoopSeeTheirWritesAndCoalesce) {
-   Remote remote;
+   Handler h;
+   auto remote = getRemoteCallbackControl(&h);
    // Ping-pong: each plain write made before a request is seen by the callback.
    int value = 0;
    std::atomic<int> acked{0};
-   remote.onCallback = [&] {
+   h.then = [&] {
       const int got = value;  // the pinger writes again once it is acknowledged
       if (got == 200)
-         Korvo::Platform::exitEventLoop();
+         exitEventLoop();
       acked.store(got, std::memory_order_release);
    };
    std::thread pinger([&] {
       for (int i = 1; i <= 200; ++i) {
          value = i;
-         remote.control->requestCallback();
+         remote->requestCallback();
          while (acked.load(std::memory_order_acquire) != i)
             std::this_thread::yield();
       }
    });
-   Korvo::Platform::doEventLoop();
+   doEventLoop();
    pinger.join();
 
-   // Blind requests from four threads: at least one run, the last one seen.
+   // Blind requests from four threads: the last one is seen.
    std::atomic<int> done{0};
-   int calls = 0;
-   remote.onCallback = [&] {
-      ++calls;
+   h.then = [&] {
       if (done.load(std::memory_order_acquire) == 4)
-         Korvo::Platform::exitEventLoop();
+         exitEventLoop();
    };
    std::vector<std::thread> threads;
    for (int t = 0; t < 4; ++t) {
       threads.emplace_back([&] {
          for (int i = 0; i < 2000; ++i)
-            EXPECT_TRUE(remote.control->tryRequestCallback());
+            EXPECT_TRUE(remote->tryRequestCallback());
          done.fetch_add(1, std::memory_order_acq_rel);
-         remote.control->requestCallback();
+         remote->requestCallback();
       });
    }
-   Korvo::Platform::doEventLoop();
+   doEventLoop();
    for (std::thread& t : threads)
       t.join();
-   EXPECT_GE(calls, 1);
-   EXPECT_FALSE(remote.control->pendingCallback());
-   remote.control->requestCallback();
-   remote.control->cancelCallback();  // a cancelled request does not run
-   Korvo::Platform::doEventLoop(0.02);
-   EXPECT_FALSE(remote.control->pendingCallback());
+   remote->requestCallback();
+   remote->cancelCallback();  // a cancelled request does not run
+   const int calls = h.calls();
+   doEventLoop(0.02);
+   EXPECT_EQ(h.calls(), calls);
+   EXPECT_FALSE(remote->pendingCallback());
 
    // The loop's thread has ended: requests are refused, nothing breaks.
    std::shared_ptr<RemoteCallbackControl> orphan;
-   std::thread([&] { orphan = getRemoteCallbackControl(&remote); }).join();
+   std::thread([&] { orphan = getRemoteCallbackControl(&h); }).join();
    testing::internal::CaptureStderr();
    EXPECT_FALSE(orphan->tryRequestCallback());
    orphan->requestCallback();
@@ -405,7 +359,7 @@ struct SignalWatcher : SignalHandler {
       received.push_back(signo);
       if (throws)
          throw signo;
-      Korvo::Platform::exitEventLoop();
+      exitEventLoop();
    }
    std::shared_ptr<SignalControl> control;
    std::vector<int> received;
@@ -413,26 +367,26 @@ struct SignalWatcher : SignalHandler {
 };
 
 TEST(ControlTest, SignalsAreDeliveredOnTheLoopAndBadRequestsFail) {
-   Timer guard;  // ends the loop should the signal never come
-   guard.onTimeout = [] { Korvo::Platform::exitEventLoop(); };
-   guard.control->setTimeout(30.0);
+   Handler guard;  // ends the loop should the signal never come
+   guard.then = [] { exitEventLoop(); };
+   auto guardTimer = getTimerControl(&guard);
+   guardTimer->setTimeout(30.0);
    {
       SignalWatcher usr1(SIGUSR1);
       EXPECT_EQ(usr1.control->signalNumber(), SIGUSR1);
       ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
-      Korvo::Platform::doEventLoop();
+      doEventLoop();
       EXPECT_EQ(usr1.received, std::vector<int>{SIGUSR1});
       usr1.throws = true;  // a declined exception leaves doEventLoop()
       ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
-      EXPECT_THROW(Korvo::Platform::doEventLoop(), int);
-
+      EXPECT_THROW(doEventLoop(), int);
       const std::pair<int, const char*> bad[] = {
           {0, "invalid signal 0"},       {-1, "invalid signal -1"},
           {NSIG, "invalid signal "},     {SIGKILL, "cannot be caught"},
           {SIGSTOP, "cannot be caught"}, {SIGUSR1, "already has a control"}};
       for (const auto& [signo, message] : bad)
          EXPECT_THAT(assertionText([signo = signo] { SignalWatcher{signo}; }), HasSubstr(message));
-      std::thread([&] {
+      std::thread([] {
          EXPECT_THAT(assertionText([] { SignalWatcher{SIGUSR2}; }),
                      HasSubstr("signals are watched by another thread's loop"));
       }).join();
