@@ -135,7 +135,8 @@ TEST_F(FileLockTest, DestroyingAHeldLockReleasesIt) {
 }
 
 TEST_F(FileLockTest, MisuseGoesThroughTheAssertionPath) {
-   const std::string slash = KorvoTest::assertionText([&] { FileLock bad(h_, dir_.path(), "a/b"); });
+   const std::string slash =
+       KorvoTest::assertionText([&] { FileLock bad(h_, dir_.path(), "a/b"); });
    EXPECT_NE(slash.find("Korvo::FileLock::FileLock() unexpected '/' in filename: a/b"),
              std::string::npos)
        << slash;

@@ -214,7 +214,8 @@ TEST_F(ProcTest, StartTimeFromStatCountsFieldsFromTheLastParenthesis) {
        << "one character after the name is too short";
 
    const std::string shortLine = "42 (x) S 1 2 3";
-   const std::string few = KorvoTest::assertionText([&] { Util::startTimeFromStat(shortLine, "f"); });
+   const std::string few =
+       KorvoTest::assertionText([&] { Util::startTimeFromStat(shortLine, "f"); });
    EXPECT_NE(few.find("Util::readProcStartTime() Failed to parse start time from file: f line: \"" +
                       shortLine + "\" procStartTime.size():14 tokPos:4 startTimeFieldPos:19"),
              std::string::npos)
