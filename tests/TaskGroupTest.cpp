@@ -14,11 +14,9 @@ namespace {
 
 using TaskGroupTest = SchedulerFixture;
 
-// A leaf's k-th run: runs `ms`, then maybe reschedules itself and another leaf.
+// A leaf's k-th run: runs `ms`, then maybe reschedules itself and another leaf (-1: none).
 struct Action {
-   int ms;
-   bool again;
-   int other;  // -1: none
+   int ms, again, other;
 };
 
 // Schedulers and tasks as plain queues. Scheduler 0 is the top one, g + 1 is group g;
@@ -42,16 +40,12 @@ struct Model {
 
    void schedule(int n) {
       Sched& s = scheds[nodes[n].sched];
-      if (queued[n]) {
+      if (std::exchange(queued[n], 1)) {
          return;
       }
-      queued[n] = 1;
       s.queue[nodes[n].priority].push_back(n);
-      if (!s.runnable) {
-         s.runnable = true;
-         if (s.parentNode >= 0) {
-            schedule(s.parentNode);  // the group asks its parent for a turn
-         }
+      if (!std::exchange(s.runnable, true) && s.parentNode >= 0) {
+         schedule(s.parentNode);  // the group asks its parent for a turn
       }
    }
    void unschedule(int n) {
@@ -156,6 +150,7 @@ TEST_F(TaskGroupTest, TurnsMatchAReferenceModel) {
          groups[g]->taskGroupQuantumIs(std::chrono::milliseconds(s.quantumMs));
       }
       std::vector<std::shared_ptr<LambdaTask>> leaves;
+      std::vector<int> real;  // the runs of the leaves, beside the model's
       for (int n = 0; n < leafCount; ++n) {
          m.actions.emplace_back();
          for (int k = 0; k < 8; ++k) {
@@ -165,7 +160,7 @@ TEST_F(TaskGroupTest, TurnsMatchAReferenceModel) {
          m.nodes.push_back({n / leavesPerSched, int(p.value()), -1});
          leaves.push_back(Korvo::makeShared<LambdaTask>(
              scheds[n / leavesPerSched], p, "leaf", [&, n](LambdaTask& t) {
-                m.log.push_back(-1 - n);  // the real run, beside the model's
+                real.push_back(n);
                 const Action& a = m.actions[n][(t.runs - 1) % m.actions[n].size()];
                 FakeClock::advance(std::chrono::milliseconds(a.ms));
                 if (a.again) {
@@ -190,16 +185,12 @@ TEST_F(TaskGroupTest, TurnsMatchAReferenceModel) {
             m.schedule(n);
          }
          const Korvo::TaskTimePoint start = FakeClock::now();
+         real.clear();
          sched_->handleSchedulerRun();
-         std::vector<int> real;
-         std::swap(real, m.log);
+         m.log.clear();
          m.nowMs = 0;
          m.dispatch(m.scheds[0]);
-         for (int& n : real) {
-            n = -1 - n;
-         }
          ASSERT_EQ(real, m.log) << "seed " << seed << " step " << step;
-         m.log.clear();
          ASSERT_EQ(FakeClock::now() - start, std::chrono::milliseconds(m.nowMs)) << seed;
          for (int g = 0; g < groupCount; ++g) {
             ASSERT_EQ(groups[g]->parentTaskScheduled(), m.queued[leafCount + g] != 0) << seed;
