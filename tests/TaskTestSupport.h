@@ -8,7 +8,6 @@
 #include <Korvo/TaskScheduler.h>
 
 #include "PlatformTestSupport.h"
-#include "TestSupport.h"
 
 #include <gmock/gmock.h>
 
