@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 #include <thread>
 
@@ -64,17 +65,12 @@ TEST(LibeventTest, EachThreadHasItsOwnBaseForAsLongAsItsControlsNeedIt) {
 TEST(LibeventTest, ForkedChildReinitialisesAndRunsItsOwnLoop) {
    KorvoTest::Pipe pipe;
    Handler h;  // watched before the fork: the child inherits the watch
-   struct Reader : FdEventHandler {
-      void readFdEvent(int fd) override {
-         char c;
-         got += ::read(fd, &c, 1) == 1 ? std::string(1, c) : "";
-         control->delFd();
-      }
-      void writeFdEvent(int) override {}
-      std::shared_ptr<Korvo::LibeventFdControl> control = Korvo::getLeFdControl(this);
-      std::string got;
-   } reader;
-   reader.control->setFd(pipe.readFd());
+   auto reader = getFdControl(&h);
+   h.then = [&] {
+      if (!h.got.empty())
+         reader->delFd();
+   };
+   reader->setFd(pipe.readFd());
    const pid_t pid = ::fork();
    if (pid == 0) {
       Korvo::leForkReinit();
@@ -82,7 +78,7 @@ TEST(LibeventTest, ForkedChildReinitialisesAndRunsItsOwnLoop) {
       callback->requestCallback();
       pipe.put("c");
       doEventLoop();
-      ::_exit(isForkedChild() && reader.got == "c" && h.calls() == 1 ? 0 : 1);
+      ::_exit(isForkedChild() && h.got == "c" && h.calls() == 2 ? 0 : 1);
    }
    int status = 0;
    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
@@ -90,7 +86,7 @@ TEST(LibeventTest, ForkedChildReinitialisesAndRunsItsOwnLoop) {
    EXPECT_FALSE(isForkedChild());
    pipe.put("p");  // the parent's watch survived the child's use of the inherited event
    doEventLoop();
-   EXPECT_EQ(reader.got, "p");
+   EXPECT_EQ(h.got, "p");
 }
 
 TEST(LibeventTest, DiagnosticsPickTheTraceLevelBySeverity) {
@@ -147,30 +143,23 @@ TEST(LibeventTest, LoopRunners) {
 // ---- Timeout operations over libevent's public interface, on a base of others (libevent's
 // defaults: coarse clock, cached time; not registered with us).
 
-int64_t expiry(const event* ev) {
-   timeval tv;
-   EXPECT_TRUE(event_pending(ev, EV_TIMEOUT, &tv));
-   return Korvo::microsFromTimeval(tv);
-}
+std::vector<intptr_t> order;
 
 TEST(LibeventTest, FirstTimeoutAndShiftsMoveAllButPersistentTimeouts) {
    event_base* base = event_base_new();
-   std::vector<int> order;
-   std::vector<std::pair<std::vector<int>*, int>> ids;
-   ids.reserve(2000);
    std::vector<event*> events;
-   const auto add = [&](int id, int64_t micros, short what = 0) {
-      ids.emplace_back(&order, id);
+   const auto add = [&](intptr_t id, int64_t micros, short what = 0) {
       events.push_back(event_new(
-          base, -1, what,
-          [](evutil_socket_t, short, void* arg) {
-             auto* id = static_cast<std::pair<std::vector<int>*, int>*>(arg);
-             id->first->push_back(id->second);
-          },
-          &ids.back()));
+          base, -1, what, [](evutil_socket_t, short, void* id) { order.push_back(intptr_t(id)); },
+          reinterpret_cast<void*>(id)));
       const timeval after = Korvo::timevalFromMicros(micros);
       event_add(events.back(), &after);
       return events.back();
+   };
+   const auto expiry = [](const event* ev) {
+      timeval tv;
+      EXPECT_TRUE(event_pending(ev, EV_TIMEOUT, &tv));
+      return Korvo::microsFromTimeval(tv);
    };
    const auto shift = [base](int64_t micros) {
       const timeval tv = Korvo::timevalFromMicros(micros);
@@ -207,7 +196,8 @@ TEST(LibeventTest, FirstTimeoutAndShiftsMoveAllButPersistentTimeouts) {
    shift(7200000000LL);
    event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
    ASSERT_EQ(order.size(), 1002u);
-   EXPECT_EQ(std::vector<int>(order.begin(), order.begin() + 3), (std::vector<int>{5, 20, 0}));
+   EXPECT_EQ(std::vector<intptr_t>(order.begin(), order.begin() + 3),
+             (std::vector<intptr_t>{5, 20, 0}));
    EXPECT_TRUE(std::is_sorted(order.begin() + 2, order.end()));
    EXPECT_EQ(Korvo::event_base_get_first_timeout(base, &first), -1);
    for (event* ev : events)

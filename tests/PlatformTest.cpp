@@ -29,7 +29,7 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 // Declines or handles what its calls throw; notes what it was offered.
-struct Thrower : Handler, FdEventHandler {
+struct Thrower : Handler {
    bool handleTimeoutException() override { return offered(); }
    bool handleCallbackException() override { return offered(); }
    bool handleFdException(int fd) override { return fds.push_back(fd), offered(); }
@@ -42,16 +42,8 @@ struct Thrower : Handler, FdEventHandler {
       }
       return handles;
    }
-   void readFdEvent(int fd) override {
-      char c = 0;
-      EXPECT_EQ(::read(fd, &c, 1), 1);
-      got += c;
-      called();
-   }
-   void writeFdEvent(int) override { called(); }
    std::shared_ptr<FdControl> fdControl = getFdControl(this);
    std::vector<int> fds;
-   std::string got;
    const int* seen = nullptr;
    bool handles = false;
 };

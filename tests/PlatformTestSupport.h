@@ -26,11 +26,20 @@ inline double clockStep() {
    return static_cast<double>(res.tv_sec) + static_cast<double>(res.tv_nsec) / 1e9;
 }
 
-// A client of timer and callback controls: notes by Korvo::time() when each call came, then
-// runs `then` (which may throw, re-arm or destroy its control).
-struct Handler : Korvo::Platform::TimeoutHandler, Korvo::Platform::CallbackHandler {
+// A client of every control: notes by Korvo::time() when each call came, then runs `then`
+// (which may throw, re-arm or destroy its control). A read takes one byte into `got`.
+struct Handler : Korvo::Platform::TimeoutHandler,
+                 Korvo::Platform::CallbackHandler,
+                 Korvo::Platform::FdEventHandler {
    void timeout() override { called(); }
    void callback() override { called(); }
+   void readFdEvent(int fd) override {
+      char c = 0;
+      EXPECT_EQ(::read(fd, &c, 1), 1);
+      got += c;
+      called();
+   }
+   void writeFdEvent(int) override { called(); }
    void called() {
       at.push_back(Korvo::time());
       if (then)
@@ -39,6 +48,7 @@ struct Handler : Korvo::Platform::TimeoutHandler, Korvo::Platform::CallbackHandl
    int calls() const { return static_cast<int>(at.size()); }
    std::function<void()> then;
    std::vector<double> at;
+   std::string got;
 };
 
 // What is traced on "KorvoLibevent" at `levels` while it lives, one line per trace as
