@@ -51,26 +51,19 @@ struct Handler : Korvo::Platform::TimeoutHandler,
    std::string got;
 };
 
-// What is traced on "KorvoLibevent" at `levels` while it lives, one line per trace as
-// "<level> <text>"; the default levels are back afterwards.
-class TraceCapture {
-public:
-   explicit TraceCapture(const char* levels = "9") : spec_(std::string("KorvoLibevent/") + levels) {
-      Korvo::Platform::setTraceFormat("level");
-      Korvo::Platform::setupKorvoDebug(spec_.c_str());
-      testing::internal::CaptureStderr();
-   }
-   std::string text() {
-      const std::string text = testing::internal::GetCapturedStderr();
-      Korvo::Platform::clearKorvoDebug(spec_.c_str());
-      Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");
-      Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
-      return text;
-   }
-
-private:
-   std::string spec_;
-};
+// What `call` traces on "KorvoLibevent" at `levels`, one line per trace as "<level> <text>".
+template <typename Call>
+std::string traced(const std::string& levels, Call&& call) {
+   Korvo::Platform::setTraceFormat("level");
+   Korvo::Platform::setupKorvoDebug(("KorvoLibevent/" + levels).c_str());
+   testing::internal::CaptureStderr();
+   call();
+   const std::string text = testing::internal::GetCapturedStderr();
+   Korvo::Platform::clearKorvoDebug(("KorvoLibevent/" + levels).c_str());
+   Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");  // the defaults
+   Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
+   return text;
+}
 
 // Fast-forward on for the scope (main thread only); off again afterwards.
 struct FastForwardOn {
@@ -78,20 +71,14 @@ struct FastForwardOn {
    ~FastForwardOn() { Korvo::Platform::setFastForward(false); }
 };
 
-class Pipe {
-public:
+struct Pipe {
    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
-   ~Pipe() {
-      for (const int fd : fds_)
-         ::close(fd);
-   }
+   ~Pipe() { ::close(fds_[0]), ::close(fds_[1]); }
    int readFd() const { return fds_[0]; }
    int writeFd() const { return fds_[1]; }
    void put(const std::string& bytes) {
       EXPECT_EQ(::write(fds_[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
    }
-
-private:
    int fds_[2] = {-1, -1};
 };
 

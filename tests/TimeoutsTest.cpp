@@ -17,9 +17,7 @@ constexpr timeout_t kMax = UINT64_MAX;
 size_t count(timeouts* T, int flags) {
    size_t n = 0;
    timeout* to;
-   TIMEOUTS_FOREACH(to, T, flags) {
-      n++;
-   }
+   TIMEOUTS_FOREACH(to, T, flags) n++;
    return n;
 }
 
@@ -48,10 +46,6 @@ TEST(TimeoutsTest, OpenCheckAndClose) {
    recs[1].expires = 5;
    EXPECT_NE(checkReport(T).find("belongs on list"), std::string::npos);
    recs[1].expires = recs[0].expires;
-   timeout* saved = recs[2].prev;
-   recs[2].prev = &recs[2];
-   EXPECT_NE(checkReport(T).find("next->prev"), std::string::npos);
-   recs[2].prev = saved;
    timeouts_close(T);  // leaves every record idle; deleting one then is harmless
    EXPECT_EQ(recs[0].timeouts, nullptr);
    timeout_del(&recs[0]);
@@ -286,16 +280,14 @@ struct ModelCheck {
    std::set<Key> expired;
 };
 
-uint64_t envNumber(const char* name, uint64_t fallback) {
-   const char* text = getenv(name);
-   return text && *text ? strtoull(text, nullptr, 0) : fallback;
-}
-
 // 10^6 operations by default; KORVO_TIMEOUTS_SOAK_OPS sets another total for a longer run and
 // KORVO_TIMEOUTS_SEED another first seed.
 TEST(TimeoutsTest, ModelCheckAgainstOrderedSets) {
-   const uint64_t total = envNumber("KORVO_TIMEOUTS_SOAK_OPS", 1000000);
-   const uint64_t firstSeed = envNumber("KORVO_TIMEOUTS_SEED", 1);
+   const auto env = [](const char* name, uint64_t fallback) {
+      return getenv(name) ? strtoull(getenv(name), nullptr, 0) : fallback;
+   };
+   const uint64_t total = env("KORVO_TIMEOUTS_SOAK_OPS", 1000000),
+                  firstSeed = env("KORVO_TIMEOUTS_SEED", 1);
    const size_t sizes[] = {8, 64, 512, 4096};
    const timeout_t starts[] = {0, (timeout_t(1) << 56) - 1000000, kMax - (timeout_t(1) << 32)};
    for (uint64_t i = 0; i < 8 && !HasFailure(); i++) {
