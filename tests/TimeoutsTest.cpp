@@ -280,20 +280,16 @@ struct ModelCheck {
    std::set<Key> expired;
 };
 
-// 10^6 operations by default; KORVO_TIMEOUTS_SOAK_OPS sets another total for a longer run and
-// KORVO_TIMEOUTS_SEED another first seed.
+// 10^6 operations over eight runs by default; KORVO_TIMEOUTS_SOAK_OPS sets another total for a
+// longer run and KORVO_TIMEOUTS_SEED another first seed.
 TEST(TimeoutsTest, ModelCheckAgainstOrderedSets) {
-   const auto env = [](const char* name, uint64_t fallback) {
-      return getenv(name) ? strtoull(getenv(name), nullptr, 0) : fallback;
-   };
-   const uint64_t total = env("KORVO_TIMEOUTS_SOAK_OPS", 1000000),
-                  firstSeed = env("KORVO_TIMEOUTS_SEED", 1);
+   const char *ops = getenv("KORVO_TIMEOUTS_SOAK_OPS"), *seed = getenv("KORVO_TIMEOUTS_SEED");
    const size_t sizes[] = {8, 64, 512, 4096};
    const timeout_t starts[] = {0, (timeout_t(1) << 56) - 1000000, kMax - (timeout_t(1) << 32)};
    for (uint64_t i = 0; i < 8 && !HasFailure(); i++) {
-      SCOPED_TRACE("seed " + std::to_string(firstSeed + i) + " records " +
-                   std::to_string(sizes[i % 4]) + " start " + std::to_string(starts[i % 3]));
-      ModelCheck(firstSeed + i, sizes[i % 4], starts[i % 3]).run(total / 8);
+      SCOPED_TRACE(i);
+      ModelCheck((seed ? strtoull(seed, nullptr, 0) : 1) + i, sizes[i % 4], starts[i % 3])
+          .run((ops ? strtoull(ops, nullptr, 0) : 1000000) / 8);
    }
 }
 
