@@ -15,12 +15,6 @@ namespace {
 using namespace KorvoTest;
 namespace P = Korvo::Platform;
 
-void pump(int passes = 20) {
-   for (int i = 0; i < passes; ++i) {
-      P::doEventLoop(0.0);
-   }
-}
-
 struct SocketPair {
    SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
    ~SocketPair() { ::close(fds[0]), ::close(fds[1]); }
