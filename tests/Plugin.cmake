@@ -13,11 +13,10 @@ function(korvo_test_plugin target source dir)
   add_dependencies(PluginTest ${target})
 endfunction()
 
-foreach(name KorvoTestPlugin KorvoThreadPlugin KorvoDuplicateOfTestPlugin)
+foreach(name KorvoTestPlugin KorvoDuplicateOfTestPlugin)
   korvo_test_plugin(${name} plugins/TestPlugin.cpp ${KORVO_TEST_PLUGIN_DIR})
 endforeach()
 target_compile_definitions(KorvoTestPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoTestPlugin")
-target_compile_definitions(KorvoThreadPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoThreadPlugin")
 # Registers a name another plug-in already has.
 target_compile_definitions(KorvoDuplicateOfTestPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoTestPlugin")
 korvo_test_plugin(KorvoLatePlugin plugins/TestPlugin.cpp ${KORVO_TEST_LATE_PLUGIN_DIR})

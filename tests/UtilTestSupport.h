@@ -2,14 +2,14 @@
 #define KORVO_TESTS_UTILTESTSUPPORT_H
 
 // Shared by the utility tests: a trace handler that keeps what it is given, and
-// running a piece of a test in a (possibly unprivileged) child process.
+// child processes that do something and wait.
 
-#include <grp.h>
+#include <Korvo/Debug.h>
+
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <functional>
-#include <memory>
-#include <random>
 
 #include "TestSupport.h"
 
@@ -34,13 +34,14 @@ public:
    mutable std::vector<std::string> lines;
 };
 
-// A name no other test run uses at the same time.
-inline std::string uniqueName(const std::string& prefix) {
-   return prefix + "-" + std::to_string(::getpid()) + "-" + std::to_string(std::random_device()());
-}
+// A fixture's handler; the library keeps shared pointers to it.
+struct WithCapture : ::testing::Test {
+   std::shared_ptr<CaptureHandler> capture_ = std::make_shared<CaptureHandler>();
+   CaptureHandler& h_ = *capture_;
+   TempDir dir_;
+};
 
-// Runs `body` in a forked child and gives back its exit code (128 + the signal
-// when killed; 99 when `body` throws).
+// Runs `body` in a forked child and gives back its exit code (99 when it throws).
 inline int runInChild(const std::function<int()>& body) {
    const pid_t pid = ::fork();
    if (pid == 0) {
@@ -56,25 +57,32 @@ inline int runInChild(const std::function<int()>& body) {
    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Exit code of a child that chose not to run (no privilege to test with).
-constexpr int childSkipped = 77;
-
-// As runInChild, with the child stripped of root's privileges first, so that file
-// permissions apply to it.
-inline int runUnprivileged(const std::function<int()>& body) {
-   return runInChild([&] {
-      if (::geteuid() == 0 &&
-          (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-           ::setresuid(65534, 65534, 65534) != 0)) {
-         return childSkipped;
-      }
-      return body();
-   });
+// A child process that runs `setUp` and then waits to be killed.
+inline pid_t holder(const std::function<void()>& setUp) {
+   int ready[2];
+   EXPECT_EQ(::pipe(ready), 0);
+   const pid_t pid = ::fork();
+   if (pid == 0) {
+      setUp();
+      (void)!::write(ready[1], "r", 1);
+      ::pause();
+   }
+   char c;
+   (void)!::read(ready[0], &c, 1);
+   ::close(ready[0]);
+   ::close(ready[1]);
+   return pid;
 }
 
-inline mode_t permissions(const std::string& path) {
+inline void reap(pid_t pid) {
+   ::kill(pid, SIGKILL);
+   ::waitpid(pid, nullptr, 0);
+}
+
+// The type and permission bits of `path`: 040755 for a directory, for example.
+inline mode_t modeOf(const std::string& path) {
    struct stat st;
-   return ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+   return ::stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 
 }  // namespace KorvoTest

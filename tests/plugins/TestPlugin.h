@@ -3,11 +3,10 @@
 
 #include <Korvo/Plugin.h>
 
-// The operations the test plug-ins add after name().
+// What the test plug-ins add after name(): how many times the plug-in library's
+// initialisation ran.
 class TestPluginApi : public Korvo::Platform::Plugin {
 public:
-   virtual int answer() const = 0;
-   // How many times the plug-in library's initialisation ran.
    virtual int loads() const = 0;
 
 protected:
