@@ -30,6 +30,7 @@ TEST(DebugTest, HandlersShowTheirLevelsAndFollowTheRegistry) {
    EXPECT_EQ(display(getDebugHandler("DtKTaskGroup")), "DtKTaskGroup/15") << "longest prefix";
    Korvo::Nyx::DebugHandler fixed("DtKFixed", 0, true);
    setupKorvoDebug("DtKFixed/*");
+   clearKorvoDebug(nullptr);
    EXPECT_EQ(fixed.displayString(), "DtKFixed+/") << "fixed levels ignore the registry";
 
    testing::internal::CaptureStderr();
@@ -41,6 +42,11 @@ TEST(DebugTest, HandlersShowTheirLevelsAndFollowTheRegistry) {
    uint32_t word = 1u << 6;
    Korvo::Nyx::DebugHandler outside("DtOutside", &word, false);
    EXPECT_TRUE(outside.enabled(6));
+   Korvo::Nyx::DebugHandler own("DtOwn", 0, false);
+   own.enabledIs(3, true);
+   EXPECT_TRUE(own.enabled(3));
+   own.enabledIs(35, false);  // level 3 again, modulo 32
+   EXPECT_FALSE(own.enabled(3));
    const std::string text = KorvoTest::assertionText([&] { outside.enabledIs(2, true); });
    EXPECT_EQ(text.rfind("Debug:enabledIs:", 0), 0u) << text;
    EXPECT_NE(text.find("Cannot use this with a non-null levelsPtr passed to constructor"),
@@ -165,8 +171,8 @@ TEST(DebugTest, ThreadsTraceWhileLevelsAndFormatChange) {
    setupKorvoDebug("KorvoDebugTestThreads/3");
    std::thread thread([&] {
       for (int i = 0; i < 200; ++i) {
-         KORVO_TRACE(handler, 3, "line " << i);
-         KORVO_FMTRACE(handler, 4, "line {}", i);
+         KORVO_FMTRACE(handler, 3, "line {}", i);
+         KORVO_TRACE(handler, 4, "line " << i);
       }
    });
    for (int i = 0; i < 200; ++i) {

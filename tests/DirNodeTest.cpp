@@ -23,7 +23,7 @@ size_t openFds() {
    return static_cast<size_t>(std::distance(begin(fds), end(fds)));
 }
 
-struct DirNodeTest : KorvoTest::WithCapture {
+struct DirNodeTest : KorvoTest::UtilFixture {
    void SetUp() override {
       for (const char* name : {"a.conf", "b.conf.bak", ".conf", "conf"})
          Korvo::Util::fileWrite(h_, dir_ / name, name);
@@ -66,6 +66,7 @@ TEST_F(DirNodeTest, WhatIsNotOpenThrows) {
    DirNode node(h_, dir_.path(), nullptr);
    EXPECT_THROW(node.pathIs(missing), Korvo::RuntimeException);
    EXPECT_FALSE(node.isOpen()) << "a failed reopen leaves no stream";
+   EXPECT_EQ(node.path(), missing);
    node.pathIs(dir_.path());
    EXPECT_EQ(drain(node), all_);
 }

@@ -7,7 +7,6 @@ set(KORVO_TEST_LATE_PLUGIN_DIR ${CMAKE_CURRENT_BINARY_DIR}/plugins-late)
 function(korvo_test_plugin target source dir)
   add_library(${target} MODULE ${source})
   target_compile_options(${target} PRIVATE ${KORVO_WARNINGS})
-  target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/plugins)
   target_link_libraries(${target} PRIVATE Korvo::Korvo)
   set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${dir})
   add_dependencies(PluginTest ${target})
@@ -29,4 +28,3 @@ korvo_test_plugin(ThrobCountersPlugin plugins/ThrobCountersPlugin.cpp ${KORVO_TE
 target_compile_definitions(PluginTest PRIVATE
   KORVO_TEST_PLUGIN_DIR="${KORVO_TEST_PLUGIN_DIR}"
   KORVO_TEST_LATE_PLUGIN_DIR="${KORVO_TEST_LATE_PLUGIN_DIR}")
-target_include_directories(PluginTest PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/plugins)

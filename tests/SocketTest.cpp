@@ -16,7 +16,7 @@ namespace {
 
 using KorvoTest::assertionText;
 namespace Util = Korvo::Util;
-using SocketTest = KorvoTest::WithCapture;
+using SocketTest = KorvoTest::UtilFixture;
 
 // A name no other test run uses at the same time.
 std::string uniqueName(const std::string& prefix) {

@@ -1,8 +1,8 @@
 #ifndef KORVO_TESTS_UTILTESTSUPPORT_H
 #define KORVO_TESTS_UTILTESTSUPPORT_H
 
-// Shared by the utility tests: a trace handler that keeps what it is given, and
-// child processes that do something and wait.
+// Shared by the utility tests: a fixture with a trace handler and a directory, and
+// child processes that hold something while the test looks.
 
 #include <Korvo/Debug.h>
 
@@ -15,47 +15,21 @@
 
 namespace KorvoTest {
 
-// Every level on, fixed; keeps each line as "<level>: <text>".
-class CaptureHandler : public Korvo::Platform::DebugHandler {
+// Every level on, so that every trace line is built; keeps none of them.
+class QuietHandler : public Korvo::Platform::DebugHandler {
 public:
-   CaptureHandler() : Korvo::Platform::DebugHandler("UtilTestCapture", 0x3ffu, true) {}
+   QuietHandler() : Korvo::Platform::DebugHandler("UtilTest", 0x3ffu, true) {}
    void enabledIs(unsigned, bool) override {}
-   void dump(Korvo::Platform::DebugStream& stream, unsigned level, const char*, int,
-             const char*) const override {
-      lines.push_back(std::to_string(level) + ": " + stream.str());
-   }
-   // True when a line traced at `level` holds `fragment`.
-   bool has(unsigned level, const std::string& fragment) const {
-      for (const std::string& line : lines)
-         if (line.rfind(std::to_string(level) + ": ", 0) == 0 && line.find(fragment) != line.npos)
-            return true;
-      return false;
-   }
-   mutable std::vector<std::string> lines;
+   void dump(Korvo::Platform::DebugStream&, unsigned, const char*, int,
+             const char*) const override {}
 };
 
-// A fixture's handler; the library keeps shared pointers to it.
-struct WithCapture : ::testing::Test {
-   std::shared_ptr<CaptureHandler> capture_ = std::make_shared<CaptureHandler>();
-   CaptureHandler& h_ = *capture_;
+// The library keeps shared pointers to the handlers it is given.
+struct UtilFixture : ::testing::Test {
+   std::shared_ptr<QuietHandler> handler_ = std::make_shared<QuietHandler>();
+   QuietHandler& h_ = *handler_;
    TempDir dir_;
 };
-
-// Runs `body` in a forked child and gives back its exit code (99 when it throws).
-inline int runInChild(const std::function<int()>& body) {
-   const pid_t pid = ::fork();
-   if (pid == 0) {
-      int code = 99;
-      try {
-         code = body();
-      } catch (...) {
-      }
-      ::_exit(code);
-   }
-   int status = 0;
-   ::waitpid(pid, &status, 0);
-   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // A child process that runs `setUp` and then waits to be killed.
 inline pid_t holder(const std::function<void()>& setUp) {

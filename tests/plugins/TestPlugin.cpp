@@ -1,20 +1,14 @@
 // A plug-in that registers itself when loaded. Built several times under
 // different names (KORVO_TEST_PLUGIN_NAME), one shared object each.
 
-#include "TestPlugin.h"
+#include <Korvo/Plugin.h>
 
 namespace {
 
-int loads_ = 0;
-
-class TestPlugin : public TestPluginApi {
+class TestPlugin : public Korvo::Platform::Plugin {
 public:
-   TestPlugin() {
-      ++loads_;
-      Korvo::Platform::registerPlugin(this);
-   }
+   TestPlugin() { Korvo::Platform::registerPlugin(this); }
    const char* name() const override { return KORVO_TEST_PLUGIN_NAME; }
-   int loads() const override { return loads_; }
 } plugin;
 
 }  // namespace
