@@ -73,9 +73,9 @@ TEST(MappingsTest, PidMappingsReadsAndKeepsAProcessesMaps) {
    const std::string path = std::filesystem::canonical(dir.file("mapped"));
    EXPECT_EQ(infos.find(guard).perms, "---p");
    EXPECT_EQ(infos.find(path, 4096).start, reinterpret_cast<uintptr_t>(readable)) << infos;
-   const auto code = infos.find(reinterpret_cast<const void*>(&Korvo::Util::decodeMagic));
+   const auto code = infos.find(reinterpret_cast<const void*>(&::getpid));
    EXPECT_EQ(code.perms[2], 'x') << code;
-   EXPECT_NE(code.path.find("libKorvo.so"), std::string::npos) << code;
+   EXPECT_NE(code.path.find("libc.so"), std::string::npos) << code;
    int onStack = 0;
    EXPECT_EQ(infos.find(&onStack).path, "[stack]");
    ::munmap(guard, 4096);
