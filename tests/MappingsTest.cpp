@@ -1,5 +1,4 @@
 #include <Korvo/Mappings.h>
-#include <Korvo/Util.h>
 
 #include <fcntl.h>
 #include <sys/mman.h>
