@@ -141,9 +141,9 @@ TEST(MappingsTest, PidMappingsOfThisProcess) {
    const MappingInfo data = infos.find(&globalData);
    EXPECT_EQ(data.perms.substr(0, 2), "rw") << data;
    EXPECT_EQ(data.path, std::filesystem::canonical("/proc/self/exe").string()) << data;
-   const MappingInfo code = infos.find(reinterpret_cast<const void*>(&Korvo::Util::decodeMagic));
+   const MappingInfo code = infos.find(reinterpret_cast<const void*>(&::getpid));
    EXPECT_EQ(code.perms[2], 'x') << code;
-   EXPECT_NE(code.path.find("libKorvo.so"), std::string::npos) << code;
+   EXPECT_NE(code.path.find("libc.so"), std::string::npos) << code;
    int onStack = 0;
    EXPECT_EQ(infos.find(&onStack).path, "[stack]");
 
