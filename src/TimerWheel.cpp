@@ -37,23 +37,25 @@ inline Platform::DebugHandler& debug() {
 }
 
 // Traces and assertion texts are built in out-of-line cold lambdas, so that the
-// timer paths that test them keep a small frame and no call when all is well.
-#define WHEEL_TRACE(level, method, msg)                                             \
-   do {                                                                             \
-      if (__builtin_expect(debug().enabled(level), 0)) {                            \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) { \
-            Platform::DebugStream stream;                                           \
-            stream << "TimerWheel::" method ":" << line << " " << msg;              \
-            debug().dump(stream, (level), __FILE__, line, func);                    \
-         }                                                                          \
-         ();                                                                        \
-      }                                                                             \
+// timer paths that test them keep a small frame and no call when all is well. The
+// lambdas copy what they print: a reference capture would pin those values to the
+// stack on the hot path too.
+#define WHEEL_TRACE(level, method, msg)                                                    \
+   do {                                                                                    \
+      if (__builtin_expect(debug().enabled(level), 0)) {                                   \
+         [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) { \
+            Platform::DebugStream stream;                                                  \
+            stream << "TimerWheel::" method ":" << line << " " << msg;                     \
+            debug().dump(stream, (level), __FILE__, line, func);                           \
+         }                                                                                 \
+         ();                                                                               \
+      }                                                                                    \
    } while (0)
 
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
+         [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {   \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \
@@ -247,19 +249,22 @@ void TimerWheel::unlinkOther(TimerWheelEvent* event) {
    }
 }
 
-void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
-   timerStartAt(event, libraryTime() + delay);
-}
-
-void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
-   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
-   // Like the libevent controls, a time in the past means "due at once".
-   expiry = std::max(expiry, 0.0);
+// The whole start, inline in both entry points (and the wheel's own control): a
+// start is one dependent chain from the clock read to the wheel's list, so calls,
+// spills and reloads along it are what the caller waits for.
+[[gnu::always_inline]] inline void TimerWheel::startAt(TimerWheelEvent* event, double expiry) {
+   // Like the libevent controls, a time in the past means "due at once"; NaN fails
+   // this one comparison too.
+   if (__builtin_expect(!(expiry > 0.0), 0)) {
+      expiry = pastExpiry(event, expiry);
+   }
    if (expiry == event->expirationTime_) {
       return;
    }
-   if (event->running()) {
-      unlink(event);
+   // A record still in the wheel is moved by timeouts_add itself; only one waiting in
+   // the expiring-soon map must be taken out first.
+   if (__builtin_expect((event->record_.flags & stateFlags) == inTimersExpiryingSoonFlag, 0)) {
+      unlinkOther(event);
    }
    event->expirationTime_ = expiry;
    const timeout_t tick = expiryTick(expiry);
@@ -267,21 +272,38 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
                "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
                         << " expire at " << expiry << " tick " << tick);
    timeouts_add(wheel_, &event->record_, tick);
-   // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
    event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
    if (masterExpiry_ > expiry) {
       setMasterTimer();
    }
 }
 
-void TimerWheel::timerStop(TimerWheelEvent* event) {
+double TimerWheel::pastExpiry(TimerWheelEvent* event, double expiry) const {
+   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   return 0.0;
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
+   startAt(event, libraryTime() + delay);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
+   startAt(event, expiry);
+}
+
+[[gnu::always_inline]] inline void TimerWheel::stop(TimerWheelEvent* event) {
+   WHEEL_TRACE(9, "timerStop",
+               "timer " << DisplayPointer(event) << " del timeout"
+                        << (event->running() ? "" : ", not running"));
    if (!event->running()) {
-      WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout, not running");
       return;
    }
-   WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout");
    unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+   stop(event);
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {
@@ -422,16 +444,14 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
    return *perProcess;
 }
 
-namespace {
-
 class TimerWheelTimerControl final : public Platform::TimerControl, public TimerWheelEvent {
 public:
    TimerWheelTimerControl(Platform::TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
        : handler_(handler), wheel_(std::move(wheel)) {}
    ~TimerWheelTimerControl() override { wheel_->timerStop(this); }
 
-   void setTimeout(double seconds) override { wheel_->timerStart(this, seconds); }
-   void delTimeout() override { wheel_->timerStop(this); }
+   void setTimeout(double seconds) override { wheel_->startAt(this, libraryTime() + seconds); }
+   void delTimeout() override { wheel_->stop(this); }
    double remainingTimeout() const override { return TimerWheelEvent::remainingTimeout(); }
    void timeout() override { handler_->timeout(); }
 
@@ -439,8 +459,6 @@ private:
    Platform::TimeoutHandler* handler_;
    std::shared_ptr<TimerWheel> wheel_;
 };
-
-}  // namespace
 
 namespace Platform {
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
