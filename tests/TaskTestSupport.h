@@ -8,6 +8,8 @@
 #include <Korvo/Exception.h>
 #include <Korvo/TaskScheduler.h>
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -103,17 +105,6 @@ protected:
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_;
    std::shared_ptr<TestScheduler> sched_;
 };
-
-// The text of the assertion raised by `statement`, or "" when none was raised.
-template <typename F>
-std::string assertionText(F&& statement) {
-   try {
-      statement();
-   } catch (const Korvo::AssertException& e) {
-      return e.message();
-   }
-   return "";
-}
 
 }  // namespace KorvoTest
 
