@@ -8,503 +8,211 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <deque>
-#include <functional>
-#include <memory>
+#include <algorithm>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
+using namespace Korvo::Platform;
 using KorvoTest::assertionText;
-using KorvoTest::Pipe;
+using KorvoTest::Handler;
 using testing::HasSubstr;
 
 namespace {
 
-class Timer : public Korvo::Platform::TimeoutHandler {
-public:
-   Timer() : control(Korvo::Platform::getTimerControl(this)) {}
-   void timeout() override {
-      ++fired;
-      if (onTimeout) {
-         onTimeout();
-      }
-      if (throws) {
-         throw std::runtime_error("timer");
-      }
-   }
-   std::shared_ptr<Korvo::Platform::TimerControl> control;
-   std::function<void()> onTimeout;
-   int fired = 0;
-   bool throws = false;
-};
-
-class Callback : public Korvo::Platform::CallbackHandler {
-public:
-   Callback() : control(Korvo::Platform::getCallbackControl(this)) {}
-   void callback() override {
-      ++calls;
-      if (onCallback) {
-         onCallback();
-      }
-   }
-   std::shared_ptr<Korvo::Platform::CallbackControl> control;
-   std::function<void()> onCallback;
-   int calls = 0;
-};
-
-class Reader : public Korvo::Platform::FdEventHandler {
-public:
-   Reader() : control(Korvo::getLeFdControl(this)) {}
-   void readFdEvent(int fd) override {
-      char c;
-      if (::read(fd, &c, 1) == 1) {
-         got += c;
-      }
-      if (got.size() >= expected) {
-         control->delFd();
-      }
-   }
-   void writeFdEvent(int) override {}
-   std::shared_ptr<Korvo::LibeventFdControl> control;
-   std::string got;
-   size_t expected = 1;
-};
-
-int addedEvents() {
-   return event_base_get_num_events(Korvo::leBase(), EVENT_BASE_COUNT_ADDED);
+int added(event_base* base = Korvo::leBase()) {
+   return event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED);
 }
 
-template <typename Body>
-void onNewThread(Body body) {
-   std::thread thread(body);
-   thread.join();
-}
-
-// ---- The thread's base.
-
-TEST(LibeventBaseTest, EachThreadMakesItsBaseLazilyAndFreesItOnRequest) {
+TEST(LibeventTest, EachThreadHasItsOwnBaseForAsLongAsItsControlsNeedIt) {
    Korvo::leInit();
    event_base* mine = Korvo::leBase();
-   onNewThread([mine] {
-      EXPECT_FALSE(Korvo::leInitialized());
-      EXPECT_EQ(Korvo::leBase(), nullptr);
-      {
-         Timer timer;  // the first control makes the base
-         EXPECT_TRUE(Korvo::leInitialized());
-         EXPECT_NE(Korvo::leBase(), mine);
-      }
-      Korvo::leFree();
-      EXPECT_FALSE(Korvo::leInitialized());
-      Korvo::leFree();  // none: harmless
-      // A loop call makes a new one.
-      Korvo::Platform::doEventLoop(0.0);
-      EXPECT_TRUE(Korvo::leInitialized());
-      Korvo::leFree();
-   });
-   EXPECT_EQ(Korvo::leBase(), mine);
-}
-
-TEST(LibeventBaseTest, ThreadsBaseIsFreedWhenTheThreadEndsAndNoControlNeedsIt) {
-   std::weak_ptr<event_base> idle;
    std::weak_ptr<event_base> used;
-   std::shared_ptr<Korvo::Platform::TimerControl> kept;
-   Timer handler;  // made here, so that its own control belongs to this thread
-   onNewThread([&idle] { idle = Korvo::leBaseShare(); });
-   EXPECT_TRUE(idle.expired());
-   onNewThread([&used, &kept, &handler] {
+   std::shared_ptr<TimerControl> kept;
+   Handler h;
+   std::thread([&] {
+      EXPECT_EQ(Korvo::leBase(), nullptr);
+      kept = getTimerControl(&h);  // the first control makes the base
+      EXPECT_NE(Korvo::leBase(), mine);
       used = Korvo::leBaseShare();
-      kept = Korvo::Platform::getTimerControl(&handler);
-      kept->setTimeout(60.0);
-   });
+      Korvo::leFree();
+      Korvo::leFree();        // none: harmless
+      Korvo::leForkReinit();  // without a base, makes one
+      EXPECT_TRUE(Korvo::leInitialized());
+   }).join();
    EXPECT_FALSE(used.expired());  // a control outlives its thread and still needs it
    kept.reset();
    EXPECT_TRUE(used.expired());
-}
 
-TEST(LibeventBaseTest, RegisteringABase) {
-   onNewThread([] {
-      event_base* base = event_base_new();
+   std::thread([] {
+      event_base *base = event_base_new(), *other = event_base_new();
       Korvo::leRegisterBase(base);
-      EXPECT_EQ(Korvo::leBase(), base);
       Korvo::leRegisterBase(base);  // the same again: harmless
-      EXPECT_EQ(Korvo::leBase(), base);
-
-      event_base* other = event_base_new();
-      const std::string expected =
-          "Tried to register a base:" + Korvo::DisplayPointer(other).toString() +
-          " but a thread_local  base already exists: " + Korvo::DisplayPointer(base).toString();
-      EXPECT_THAT(assertionText([other] { Korvo::leRegisterBase(other); }), HasSubstr(expected));
-      EXPECT_EQ(Korvo::leBase(), base);
+      EXPECT_THAT(assertionText([other] { Korvo::leRegisterBase(other); }),
+                  HasSubstr("Tried to register a base:" + Korvo::DisplayPointer(other).toString() +
+                            " but a thread_local  base already exists: " +
+                            Korvo::DisplayPointer(base).toString()));
       event_base_free(other);
-
-      {
-         Timer timer;
-         timer.control->setTimeout(60.0);
-         EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 1);
-      }
-      EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 0);
+      Handler timer;
+      getTimerControl(&timer)->setTimeout(60.0);  // withdrawn with its control
+      EXPECT_EQ(added(base), 0);
       Korvo::leFree();  // frees the adopted base
-      EXPECT_FALSE(Korvo::leInitialized());
-   });
+   }).join();
 }
 
-TEST(LibeventBaseTest, PreciseTimerSwitchMakesTimersExactByTheLibraryClock) {
-   // libevent reads EVENT_PRECISE_TIMER whenever it makes a base: a new thread's base
-   // then counts on the clock Korvo::time() reads, and no timer fires early by it.
-   // (Without it, libevent's coarse clock lets some of these fire a step early.)
-   ASSERT_EQ(::setenv("EVENT_PRECISE_TIMER", "1", 1), 0);
-   onNewThread([] {
-      std::vector<std::unique_ptr<Timer>> timers;
-      std::vector<double> armedAt;
-      for (int i = 0; i < 20; ++i) {
-         timers.push_back(std::make_unique<Timer>());
-         armedAt.push_back(Korvo::time());
-         timers.back()->control->setTimeout(0.0005 * (i + 1));
+TEST(LibeventTest, ForkedChildReinitialisesAndRunsItsOwnLoop) {
+   KorvoTest::Pipe pipe;
+   Handler h;  // watched before the fork: the child inherits the watch
+   struct Reader : FdEventHandler {
+      void readFdEvent(int fd) override {
+         char c;
+         got += ::read(fd, &c, 1) == 1 ? std::string(1, c) : "";
+         control->delFd();
       }
-      std::vector<double> firedAt(timers.size());
-      for (size_t i = 0; i < timers.size(); ++i) {
-         timers[i]->onTimeout = [&firedAt, i] { firedAt[i] = Korvo::time(); };
-      }
-      Korvo::Platform::doEventLoop();
-      for (size_t i = 0; i < timers.size(); ++i) {
-         EXPECT_GE(firedAt[i] - armedAt[i], 0.0005 * static_cast<double>(i + 1)) << i;
-      }
-      timers.clear();
-      Korvo::leFree();
-   });
-   ::unsetenv("EVENT_PRECISE_TIMER");
-}
-
-TEST(LibeventBaseTest, ForkReinitWithoutABaseMakesOne) {
-   onNewThread([] {
-      Korvo::leForkReinit();
-      EXPECT_TRUE(Korvo::leInitialized());
-      Korvo::leFree();
-   });
-}
-
-TEST(LibeventForkTest, ChildReinitialisesAndRunsItsOwnLoop) {
-   Pipe shared;
-   Reader reader;  // registered before the fork: the child inherits the watch
-   reader.control->setFd(shared.readFd());
-   ASSERT_FALSE(Korvo::Platform::isForkedChild());
-
+      void writeFdEvent(int) override {}
+      std::shared_ptr<Korvo::LibeventFdControl> control = Korvo::getLeFdControl(this);
+      std::string got;
+   } reader;
+   reader.control->setFd(pipe.readFd());
    const pid_t pid = ::fork();
-   ASSERT_GE(pid, 0);
    if (pid == 0) {
-      int status = 0;
-      if (!Korvo::Platform::isForkedChild()) {
-         status |= 1;
-      }
       Korvo::leForkReinit();
-      Callback callback;
-      Timer timer;
-      callback.control->requestCallback();
-      timer.control->setTimeout(0.001);
-      reader.expected = 2;
-      shared.put("cd");
-      Korvo::Platform::doEventLoop();
-      status |=
-          (reader.got == "cd" ? 0 : 2) | (callback.calls == 1 ? 0 : 4) | (timer.fired == 1 ? 0 : 8);
-      // Withdrawing the watch in the child must not touch the parent's.
-      ::_exit(status);
+      auto callback = getCallbackControl(&h);
+      callback->requestCallback();
+      pipe.put("c");
+      doEventLoop();
+      ::_exit(isForkedChild() && reader.got == "c" && h.calls() == 1 ? 0 : 1);
    }
    int status = 0;
    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-   ASSERT_TRUE(WIFEXITED(status));
-   EXPECT_EQ(WEXITSTATUS(status), 0);
-   EXPECT_FALSE(Korvo::Platform::isForkedChild());
-
-   // The parent's watch survived the child's own use of the inherited event.
-   shared.put("p");
-   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(status, 0);
+   EXPECT_FALSE(isForkedChild());
+   pipe.put("p");  // the parent's watch survived the child's use of the inherited event
+   doEventLoop();
    EXPECT_EQ(reader.got, "p");
 }
 
-// ---- Diagnostics.
-
-TEST(LibeventDiagnosticsTest, SeverityPicksTheTraceLevel) {
-   std::string text;
-   {
-      KorvoTest::TraceCapture traces("0123456789");
-      Korvo::le_debug_cb(EVENT_LOG_DEBUG, "d");
-      Korvo::le_debug_cb(EVENT_LOG_MSG, "m");
-      Korvo::le_debug_cb(EVENT_LOG_WARN, "w");
-      Korvo::le_debug_cb(EVENT_LOG_ERR, "e");
-      Korvo::le_debug_cb(EVENT_LOG_WARN, nullptr);
-      text = traces.text();
-   }
-   EXPECT_EQ(text, "9 libevent: d\n5 libevent: m\n1 libevent: w\n0 libevent: e\n1 libevent: \n");
-
-   {
-      KorvoTest::TraceCapture traces("01");  // the defaults: debug and msg stay silent
-      Korvo::le_debug_cb(EVENT_LOG_DEBUG, "d");
-      Korvo::le_debug_cb(EVENT_LOG_MSG, "m");
-      EXPECT_EQ(traces.text(), "");
-   }
-
+TEST(LibeventTest, DiagnosticsPickTheTraceLevelBySeverity) {
+   Korvo::leInit();  // installs the callbacks
+   event unassigned{};
+   KorvoTest::TraceCapture traces("0123456789");
+   for (const int severity : {EVENT_LOG_DEBUG, EVENT_LOG_MSG, EVENT_LOG_WARN, EVENT_LOG_ERR})
+      Korvo::le_debug_cb(severity, "s");
+   Korvo::le_debug_cb(EVENT_LOG_WARN, nullptr);
+   EXPECT_EQ(event_add(&unassigned, nullptr), -1);  // libevent's own warning
+   EXPECT_EQ(traces.text(),
+             "9 libevent: s\n5 libevent: s\n1 libevent: s\n0 libevent: s\n1 libevent: \n"
+             "1 libevent: event_add: event has no event_base set.\n");
    EXPECT_THAT(assertionText([] { Korvo::le_debug_cb(7, "boom"); }),
                HasSubstr("invalid libevent severity:7 msg:boom"));
    EXPECT_THAT(assertionText([] { Korvo::le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
 }
 
-TEST(LibeventDiagnosticsTest, LibeventWarningsReachTheTraceChannel) {
-   Korvo::leInit();  // installs the callbacks
-   event unassigned{};
-   std::string text;
-   {
-      KorvoTest::TraceCapture traces("1");
-      EXPECT_EQ(event_add(&unassigned, nullptr), -1);
-      text = traces.text();
-   }
-   EXPECT_THAT(text, HasSubstr("1 libevent: event_add: event has no event_base set."));
-}
-
-// ---- Loop runners.
-
-TEST(LibeventLoopTest, BoundedLoopRunsItsSpanAndRemovesItsBreakEvent) {
-   Korvo::leInit();
-   const double start = Korvo::time();
-   Korvo::eventLoopTimeout(0.02);
-   EXPECT_GE(Korvo::time() - start, 0.02);
-   EXPECT_EQ(addedEvents(), 0);
-
-   Timer timer;
-   timer.throws = true;
-   timer.control->setTimeout(0.0);
-   EXPECT_THROW(Korvo::Platform::doEventLoop(3600.0), std::runtime_error);
-   EXPECT_EQ(timer.fired, 1);
-   EXPECT_EQ(addedEvents(), 0);  // the break event is gone too
-}
-
-TEST(LibeventLoopTest, BreakEventsAreNeitherTimersNorMovedByJumps) {
-   Korvo::leInit();
-   Timer jumper;
-   Timer after;
+TEST(LibeventTest, LoopRunners) {
+   Handler h, after;
+   auto timer = getTimerControl(&h), afterTimer = getTimerControl(&after);
+   // A jump inside a span of real time neither ends it early nor is the span's end a timer.
    int firstTimeouts = -2;
-   jumper.onTimeout = [&firstTimeouts, &after] {
+   h.then = [&] {
       timeval first;
       firstTimeouts = Korvo::event_base_get_first_timeout(Korvo::leBase(), &first);
-      Korvo::Platform::setFastForward(true);
-      Korvo::Platform::fastForwardBy(100.0);
-      Korvo::Platform::setFastForward(false);
-      after.control->setTimeout(0.001);
+      KorvoTest::FastForwardOn on;
+      fastForwardBy(100.0);
+      afterTimer->setTimeout(0.001);
    };
-   jumper.control->setTimeout(0.0);
-   // The span is real time: the jump inside it neither ends it early nor lengthens it.
+   timer->setTimeout(0.0);
+   const double start = Korvo::time();
    Korvo::eventLoopTimeout(0.5);
-   EXPECT_EQ(firstTimeouts, -1);  // only the loop's own end was pending
-   EXPECT_EQ(after.fired, 1);
+   EXPECT_GE(Korvo::time() - start, 100.5 - KorvoTest::clockStep());
+   EXPECT_EQ(firstTimeouts, -1);
+   EXPECT_EQ(after.calls(), 1);
+   EXPECT_EQ(added(), 0);  // the break event is gone
+
+   h.then = [] { throw std::runtime_error("timer"); };
+   timer->setTimeout(0.0);
+   EXPECT_THROW(doEventLoop(3600.0), std::runtime_error);
+   EXPECT_EQ(added(), 0);  // also when a handler throws
+   // Neither a loop nor freeing the base from inside the loop.
+   const std::pair<std::function<void()>, const char*> refused[] = {
+       {[] { doEventLoop(); }, "doEventLoop called from inside the running event loop"},
+       {[] { Korvo::leFree(); }, "leFree called from inside the running event loop"}};
+   for (const auto& [call, text] : refused) {
+      h.then = call;
+      timer->setTimeout(0.0);
+      EXPECT_THAT(assertionText([] { doEventLoop(); }), HasSubstr(text));
+   }
 }
 
-TEST(LibeventLoopTest, LoopCallFromInsideAHandlerIsRefused) {
-   Callback callback;
-   callback.onCallback = [] { Korvo::Platform::doEventLoop(); };
-   callback.control->requestCallback();
-   EXPECT_THAT(assertionText([] { Korvo::Platform::doEventLoop(); }),
-               HasSubstr("doEventLoop called from inside the running event loop"));
-   EXPECT_EQ(callback.calls, 1);
-   // Nor may the base be freed under the loop's feet.
-   callback.onCallback = [] { Korvo::leFree(); };
-   callback.control->requestCallback();
-   EXPECT_THAT(assertionText([] { Korvo::Platform::doEventLoop(); }),
-               HasSubstr("leFree called from inside the running event loop"));
-   EXPECT_EQ(callback.calls, 2);
-   // And the loop works afterwards.
-   callback.onCallback = nullptr;
-   callback.control->requestCallback();
-   Korvo::Platform::doEventLoop();
-   EXPECT_EQ(callback.calls, 3);
-}
+// ---- Timeout operations over libevent's public interface, on a base of others (libevent's
+// defaults: coarse clock, cached time; not registered with us).
 
-// ---- Timeout operations over libevent's public interface, on a base of others.
-
-struct Fired {
-   std::vector<int>* order;
-   int id;
-};
-
-void recordFired(evutil_socket_t, short, void* arg) {
-   auto* f = static_cast<Fired*>(arg);
-   f->order->push_back(f->id);
-}
-
-int64_t micros(const timeval& tv) {
+int64_t expiry(const event* ev) {
+   timeval tv;
+   EXPECT_TRUE(event_pending(ev, EV_TIMEOUT, &tv));
    return Korvo::microsFromTimeval(tv);
 }
 
-int64_t expiryOf(const event* ev) {
-   timeval tv;
-   EXPECT_TRUE(event_pending(ev, EV_TIMEOUT, &tv));
-   return micros(tv);
-}
-
-class ForeignBaseTest : public testing::Test {
-protected:
-   // libevent's defaults: coarse clock, cached time. Not registered with us.
-   ForeignBaseTest() : base_(event_base_new()) {
-      // A persistent timeout is never moved: expiries read against it are comparable
-      // over time, while libevent may re-map its clock to the wall clock in between.
-      reference_ = addTimer(-1, 36000000000LL, EV_PERSIST);
-   }
-   ~ForeignBaseTest() override {
-      for (event* ev : events_) {
-         event_free(ev);
-      }
-      event_base_free(base_);
-   }
-
-   event* addTimer(int id, int64_t afterMicros, short what = 0, int fd = -1,
-                   const timeval* common = nullptr) {
-      fired_.push_back(Fired{&order_, id});
-      event* ev = event_new(base_, fd, what, &recordFired, &fired_.back());
-      events_.push_back(ev);
-      const timeval after = Korvo::timevalFromMicros(afterMicros);
-      event_add(ev, common ? common : &after);
-      return ev;
-   }
-   int64_t relative(const event* ev) { return expiryOf(ev) - expiryOf(reference_); }
-
-   event_base* base_;
-   event* reference_;
-   std::vector<event*> events_;
-   std::vector<int> order_;
-   std::deque<Fired> fired_;
-};
-
-TEST_F(ForeignBaseTest, FirstTimeoutIsTheEarliestPendingOne) {
-   timeval first;
-   EXPECT_EQ(Korvo::event_base_get_first_timeout(base_, &first), -1);  // persistent only
-
-   Pipe pipe;
-   addTimer(0, 0, EV_READ | EV_PERSIST, pipe.readFd());  // no timeout: not counted
-   EXPECT_EQ(Korvo::event_base_get_first_timeout(base_, &first), -1);
-
-   event* late = addTimer(1, 20000000);
-   event* early = addTimer(2, 5000000, EV_READ, pipe.readFd());  // fd event with a timeout
-   ASSERT_EQ(Korvo::event_base_get_first_timeout(base_, &first), 0);
-   EXPECT_EQ(micros(first), expiryOf(early));
-
-   timeval now;
-   Korvo::event_base_now(base_, &now);
-   ASSERT_EQ(Korvo::event_base_get_first_timeout(base_, &first), 0);
-   EXPECT_NEAR(static_cast<double>(micros(first) - micros(now)), 5e6, 20000.0);
-
-   event_del(early);
-   ASSERT_EQ(Korvo::event_base_get_first_timeout(base_, &first), 0);
-   EXPECT_EQ(micros(first), expiryOf(late));
-}
-
-TEST_F(ForeignBaseTest, ShiftMovesEveryTimeoutAndKeepsTheOrder) {
-   const timeval fifteen{15, 0};
-   const timeval* common = event_base_init_common_timeout(base_, &fifteen);
-   Pipe pipe;
-   event* e20 = addTimer(20, 20000000);
-   event* e5 = addTimer(5, 5000000);
-   event* e10 = addTimer(10, 10000000, EV_READ, pipe.readFd());
-   event* e15 = addTimer(15, 0, 0, -1, common);
-   const std::vector<event*> all{e5, e10, e15, e20};
-   std::vector<int64_t> before;
-   for (event* ev : all) {
-      before.push_back(relative(ev));
-   }
-
-   const timeval four{4, 0};
-   EXPECT_GE(Korvo::event_base_timeout_subtract_offset(base_, &four), 4);
-   for (size_t i = 0; i < all.size(); ++i) {
-      EXPECT_EQ(relative(all[i]) - before[i], -4000000) << i;
-   }
-
-   // Far enough that all are overdue: one pass runs them in their original order.
-   const timeval hour{3600, 0};
-   Korvo::event_base_timeout_subtract_offset(base_, &hour);
-   event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK);
-   EXPECT_EQ(order_, (std::vector<int>{5, 10, 15, 20}));
-   timeval first;
-   EXPECT_EQ(Korvo::event_base_get_first_timeout(base_, &first), -1);
-}
-
-TEST_F(ForeignBaseTest, ManySmallShiftsAddUpExactly) {
-   // Each shift re-adds every event; the clock moves on meanwhile (and libevent's coarse
-   // clock in whole steps), yet no slip may pile up.
-   std::vector<event*> timers;
-   std::vector<int64_t> before;
-   for (int i = 0; i < 1000; ++i) {
-      timers.push_back(addTimer(i, 3600000000LL + 1000LL * i));
-      before.push_back(relative(timers.back()));
-   }
-   const timeval micro{0, 1};
-   for (int k = 0; k < 300; ++k) {
-      ASSERT_EQ(Korvo::event_base_timeout_subtract_offset(base_, &micro), 1000);
-   }
-   for (size_t i = 0; i < timers.size(); ++i) {
-      // With libevent's precise clock (EVENT_PRECISE_TIMER) a re-add may, rarely, land a
-      // microsecond late; never early.
-      const int64_t moved = relative(timers[i]) - before[i];
-      EXPECT_LE(moved, -297) << i;
-      EXPECT_GE(moved, -300) << i;
-   }
-}
-
-TEST_F(ForeignBaseTest, ShiftRefusesNegativeAndSkipsPersistentTimeouts) {
-   event* timer = addTimer(1, 10000000);
-   event* periodic = addTimer(2, 10000000, EV_PERSIST);
-   const int64_t timerBefore = relative(timer);
-   const int64_t periodicBefore = relative(periodic);
-
-   const timeval negative = Korvo::timevalFromMicros(-1);
-   EXPECT_EQ(Korvo::event_base_timeout_subtract_offset(base_, &negative), -1);
-   const timeval zero{0, 0};
-   EXPECT_EQ(Korvo::event_base_timeout_subtract_offset(base_, &zero), 0);
-   EXPECT_EQ(relative(timer), timerBefore);
-
-   const timeval two{2, 0};
-   EXPECT_EQ(Korvo::event_base_timeout_subtract_offset(base_, &two), 1);
-   EXPECT_EQ(relative(timer), timerBefore - 2000000);
-   EXPECT_EQ(relative(periodic), periodicBefore);  // its period is kept: not moved
-   timeval first;
-   ASSERT_EQ(Korvo::event_base_get_first_timeout(base_, &first), 0);
-   EXPECT_EQ(micros(first), expiryOf(timer));
-}
-
-TEST_F(ForeignBaseTest, ExpiredButNotRunTimeoutsStayFirst) {
-   // Inside a pass: the first callback shifts while the second is already due.
-   struct Shifter {
-      event_base* base;
-      std::vector<int>* order;
+TEST(LibeventTest, FirstTimeoutAndShiftsMoveAllButPersistentTimeouts) {
+   event_base* base = event_base_new();
+   std::vector<int> order;
+   std::vector<std::pair<std::vector<int>*, int>> ids;
+   ids.reserve(2000);
+   std::vector<event*> events;
+   const auto add = [&](int id, int64_t micros, short what = 0) {
+      ids.emplace_back(&order, id);
+      events.push_back(event_new(
+          base, -1, what,
+          [](evutil_socket_t, short, void* arg) {
+             auto* id = static_cast<std::pair<std::vector<int>*, int>*>(arg);
+             id->first->push_back(id->second);
+          },
+          &ids.back()));
+      const timeval after = Korvo::timevalFromMicros(micros);
+      event_add(events.back(), &after);
+      return events.back();
    };
-   event* due = addTimer(2, 0);
-   event* later = addTimer(3, 60000000);
-   Shifter shifter{base_, &order_};
-   event* first = event_new(
-       base_, -1, 0,
-       [](evutil_socket_t, short, void* arg) {
-          auto* s = static_cast<Shifter*>(arg);
-          s->order->push_back(1);
-          const timeval minute{61, 0};
-          Korvo::event_base_timeout_subtract_offset(s->base, &minute);
-       },
-       &shifter);
-   events_.push_back(first);
-   const timeval zero{0, 0};
-   event_del(due);
-   event_add(first, &zero);
-   event_add(due, &zero);
-   ::usleep(static_cast<useconds_t>((KorvoTest::clockStep() + 0.001) * 1e6));  // both due
-   for (int pass = 0; pass < 3 && order_.size() < 3; ++pass) {
-      event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+   const auto shift = [base](int64_t micros) {
+      const timeval tv = Korvo::timevalFromMicros(micros);
+      return Korvo::event_base_timeout_subtract_offset(base, &tv);
+   };
+   timeval first;
+   // A persistent timeout is never moved: expiries read against it are comparable over time.
+   event* reference = add(-1, 36000000000LL, EV_PERSIST);
+   EXPECT_EQ(Korvo::event_base_get_first_timeout(base, &first), -1);
+   add(20, 20000000);
+   event* e5 = add(5, 5000000);
+   ASSERT_EQ(Korvo::event_base_get_first_timeout(base, &first), 0);
+   EXPECT_EQ(Korvo::microsFromTimeval(first), expiry(e5));
+   Korvo::event_base_now(base, &first);
+   EXPECT_NEAR(double(expiry(e5) - Korvo::microsFromTimeval(first)), 5e6, 20000.0);
+   EXPECT_EQ(shift(-1), -1);
+   EXPECT_EQ(shift(0), 0);
+
+   // Each shift re-adds every event while libevent's clock moves on, in whole steps: no slip
+   // may pile up. With libevent's precise clock (EVENT_PRECISE_TIMER) a re-add may, rarely,
+   // land a microsecond late; never early.
+   for (int i = 0; i < 1000; ++i)
+      add(i, 3600000000LL + 1000LL * i);
+   std::vector<int64_t> before;
+   for (event* ev : events)
+      before.push_back(expiry(ev) - expiry(reference));
+   for (int k = 0; k < 300; ++k)
+      ASSERT_EQ(shift(1), 1002);
+   for (size_t i = 1; i < events.size(); ++i) {
+      EXPECT_LE(expiry(events[i]) - expiry(reference) - before[i], -297) << i;
+      EXPECT_GE(expiry(events[i]) - expiry(reference) - before[i], -300) << i;
    }
-   ASSERT_EQ(order_.size(), 3u);
-   EXPECT_EQ(order_[0] + order_[1], 3);  // the two that were due, in either order
-   EXPECT_EQ(order_[2], 3);              // the moved one after them
-   (void)later;
+   // Far enough that all are overdue: one pass runs them in their original order.
+   shift(7200000000LL);
+   event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+   ASSERT_EQ(order.size(), 1002u);
+   EXPECT_EQ(std::vector<int>(order.begin(), order.begin() + 3), (std::vector<int>{5, 20, 0}));
+   EXPECT_TRUE(std::is_sorted(order.begin() + 2, order.end()));
+   EXPECT_EQ(Korvo::event_base_get_first_timeout(base, &first), -1);
+   for (event* ev : events)
+      event_free(ev);
+   event_base_free(base);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // Helpers shared by the event-platform tests.
 
 #include <Korvo/Debug.h>
-#include <Korvo/Exception.h>
 #include <Korvo/Platform.h>
 
 #include "TestSupport.h"
@@ -13,7 +12,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace KorvoTest {
 
@@ -25,8 +26,23 @@ inline double clockStep() {
    return static_cast<double>(res.tv_sec) + static_cast<double>(res.tv_nsec) / 1e9;
 }
 
-// Collects what is traced on "KorvoLibevent" at `levels` while it lives, one line
-// per trace as "<level> <text>".
+// A client of timer and callback controls: notes by Korvo::time() when each call came, then
+// runs `then` (which may throw, re-arm or destroy its control).
+struct Handler : Korvo::Platform::TimeoutHandler, Korvo::Platform::CallbackHandler {
+   void timeout() override { called(); }
+   void callback() override { called(); }
+   void called() {
+      at.push_back(Korvo::time());
+      if (then)
+         then();
+   }
+   int calls() const { return static_cast<int>(at.size()); }
+   std::function<void()> then;
+   std::vector<double> at;
+};
+
+// What is traced on "KorvoLibevent" at `levels` while it lives, one line per trace as
+// "<level> <text>"; the default levels are back afterwards.
 class TraceCapture {
 public:
    explicit TraceCapture(const char* levels = "9") : spec_(std::string("KorvoLibevent/") + levels) {
@@ -34,33 +50,20 @@ public:
       Korvo::Platform::setupKorvoDebug(spec_.c_str());
       testing::internal::CaptureStderr();
    }
-   ~TraceCapture() { finish(); }
-   const std::string& text() {
-      finish();
-      return text_;
+   std::string text() {
+      const std::string text = testing::internal::GetCapturedStderr();
+      Korvo::Platform::clearKorvoDebug(spec_.c_str());
+      Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");
+      Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
+      return text;
    }
 
 private:
-   void finish() {
-      if (done_) {
-         return;
-      }
-      done_ = true;
-      text_ = testing::internal::GetCapturedStderr();
-      Korvo::Platform::clearKorvoDebug(spec_.c_str());
-      // Levels 0 and 1 are on by default and must stay so for the other tests.
-      Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");
-      Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
-   }
-
    std::string spec_;
-   std::string text_;
-   bool done_ = false;
 };
 
 // Fast-forward on for the scope (main thread only); off again afterwards.
-class FastForwardOn {
-public:
+struct FastForwardOn {
    FastForwardOn() { Korvo::Platform::setFastForward(true); }
    ~FastForwardOn() { Korvo::Platform::setFastForward(false); }
 };
@@ -69,25 +72,16 @@ class Pipe {
 public:
    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
    ~Pipe() {
-      closeRead();
-      closeWrite();
+      for (const int fd : fds_)
+         ::close(fd);
    }
    int readFd() const { return fds_[0]; }
    int writeFd() const { return fds_[1]; }
-   void put(const char* bytes) {
-      const ssize_t n = ::write(fds_[1], bytes, std::char_traits<char>::length(bytes));
-      EXPECT_GT(n, 0);
+   void put(const std::string& bytes) {
+      EXPECT_EQ(::write(fds_[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
    }
-   void closeRead() { closeEnd(0); }
-   void closeWrite() { closeEnd(1); }
 
 private:
-   void closeEnd(int i) {
-      if (fds_[i] >= 0) {
-         ::close(fds_[i]);
-         fds_[i] = -1;
-      }
-   }
    int fds_[2] = {-1, -1};
 };
 
