@@ -67,6 +67,27 @@ void setMainThread();
 // leFree() was never called for it (its maker frees it then).
 KORVO_EXPORT std::shared_ptr<event_base> leBaseShare();
 
+// A timer event on the stack: added at construction and removed however the scope is
+// left. Its callback gets the event itself as argument.
+class ScopedTimerEvent {
+public:
+   ScopedTimerEvent(event_base* base, const timeval& after, event_callback_fn callback) {
+      event_assign(&event_, base, -1, 0, callback, &event_);
+      event_add(&event_, &after);
+   }
+   ~ScopedTimerEvent() {
+      event_del(&event_);
+      event_debug_unassign(&event_);
+   }
+   ScopedTimerEvent(const ScopedTimerEvent&) = delete;
+   ScopedTimerEvent& operator=(const ScopedTimerEvent&) = delete;
+
+   const event* get() const { return &event_; }
+
+private:
+   event event_;
+};
+
 // What a control knows of the thread it belongs to: a share in that thread's base,
 // which keeps the base alive as long as the control, and the thread's id for the
 // failure message. check() is the whole cost of the thread check on the event path:
@@ -214,8 +235,12 @@ public:
    static void handleFdWrite(evutil_socket_t, short, void* control);
 
 private:
+   void armFdEvent(event* ev, short what, event_callback_fn callback);
    void armRead();
    void armWrite();
+   // Switches one direction's watch; a watch that is on and pending stays as it is.
+   void watchIs(bool on, event* ev, short what, event_callback_fn callback,
+                void (LibeventFdControl::*arm)());
    void disarm();
    void handleRead();
    void handleWrite();
