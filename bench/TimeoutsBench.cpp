@@ -21,6 +21,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -265,25 +266,6 @@ void reAddBatches(benchmark::State& state) {
    perOp.report(state);
 }
 
-void BM_WheelAdd(benchmark::State& state) {
-   addBatches<Wheel>(state);
-}
-void BM_LibeventAdd(benchmark::State& state) {
-   addBatches<Libevent>(state);
-}
-void BM_WheelDel(benchmark::State& state) {
-   delBatches<Wheel>(state);
-}
-void BM_LibeventDel(benchmark::State& state) {
-   delBatches<Libevent>(state);
-}
-void BM_WheelReAdd(benchmark::State& state) {
-   reAddBatches<Wheel>(state);
-}
-void BM_LibeventReAdd(benchmark::State& state) {
-   reAddBatches<Libevent>(state);
-}
-
 // libevent runs on the real clock, so its timers are given random timeouts below 1 ms, left to
 // become due (untimed), and then one non-blocking loop pass fires them all: the min-heap pops
 // and the callbacks, as the wheel's expiry above does its updates and timeouts_get.
@@ -313,15 +295,13 @@ void sizes(benchmark::internal::Benchmark* b) {
       b->Arg(n);
 }
 
-#define KORVO_BATCH_BENCH(name) \
-   BENCHMARK(name)->Apply(sizes)->UseManualTime()->Unit(benchmark::kMicrosecond)
+void batchOptions(benchmark::internal::Benchmark* b) {
+   sizes(b);
+   b->UseManualTime()->Unit(benchmark::kMicrosecond);
+}
 
-KORVO_BATCH_BENCH(BM_WheelAdd);
-KORVO_BATCH_BENCH(BM_LibeventAdd);
-KORVO_BATCH_BENCH(BM_WheelDel);
-KORVO_BATCH_BENCH(BM_LibeventDel);
-KORVO_BATCH_BENCH(BM_WheelReAdd);
-KORVO_BATCH_BENCH(BM_LibeventReAdd);
+#define KORVO_BATCH_BENCH(name) BENCHMARK(name)->Apply(batchOptions)
+
 KORVO_BATCH_BENCH(BM_WheelExpire);
 KORVO_BATCH_BENCH(BM_WheelExpireAtOnce);
 KORVO_BATCH_BENCH(BM_LibeventExpire);
@@ -337,6 +317,15 @@ int main(int argc, char** argv) {
    benchmark::AddCustomContext("libevent struct event",
                                std::to_string(event_get_struct_event_size()));
    benchmark::AddCustomContext("libevent method", event_base_get_method(base()));
+   // Add, delete and re-add: one body each serves both kinds of timers.
+   const std::pair<const char*, void (*)(benchmark::State&)> batchBenchmarks[] = {
+       {"BM_WheelAdd", addBatches<Wheel>},     {"BM_LibeventAdd", addBatches<Libevent>},
+       {"BM_WheelDel", delBatches<Wheel>},     {"BM_LibeventDel", delBatches<Libevent>},
+       {"BM_WheelReAdd", reAddBatches<Wheel>}, {"BM_LibeventReAdd", reAddBatches<Libevent>},
+   };
+   for (const auto& [name, function] : batchBenchmarks) {
+      benchmark::RegisterBenchmark(name, function)->Apply(batchOptions);
+   }
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
    return 0;
