@@ -26,7 +26,7 @@ KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
+         [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {   \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \
@@ -221,19 +221,22 @@ void TimerWheel::unlinkOther(TimerWheelEvent* event) {
    }
 }
 
-void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
-   timerStartAt(event, libraryTime() + delay);
-}
-
-void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
-   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
-   // Like the libevent controls, a time in the past means "due at once".
-   expiry = std::max(expiry, 0.0);
+// The whole start, inline in both entry points (and the wheel's own control): a
+// start is one dependent chain from the clock read to the wheel's list, so calls,
+// spills and reloads along it are what the caller waits for.
+[[gnu::always_inline]] inline void TimerWheel::startAt(TimerWheelEvent* event, double expiry) {
+   // Like the libevent controls, a time in the past means "due at once"; NaN fails
+   // this one comparison too.
+   if (__builtin_expect(!(expiry > 0.0), 0)) {
+      expiry = pastExpiry(event, expiry);
+   }
    if (expiry == event->expirationTime_) {
       return;
    }
-   if (event->running()) {
-      unlink(event);
+   // A record still in the wheel is moved by timeouts_add itself; only one waiting in
+   // the expiring-soon map must be taken out first.
+   if (__builtin_expect((event->record_.flags & stateFlags) == inTimersExpiryingSoonFlag, 0)) {
+      unlinkOther(event);
    }
    event->expirationTime_ = expiry;
    const timeout_t tick = expiryTick(expiry);
@@ -241,14 +244,26 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
                     "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
                              << " expire at " << expiry << " tick " << tick);
    timeouts_add(wheel_, &event->record_, tick);
-   // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
    event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
    if (masterExpiry_ > expiry) {
       setMasterTimer();
    }
 }
 
-void TimerWheel::timerStop(TimerWheelEvent* event) {
+double TimerWheel::pastExpiry(TimerWheelEvent* event, double expiry) const {
+   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   return 0.0;
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
+   startAt(event, libraryTime() + delay);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
+   startAt(event, expiry);
+}
+
+[[gnu::always_inline]] inline void TimerWheel::stop(TimerWheelEvent* event) {
    if (!event->running()) {
       KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStop",
                        "timer " << DisplayPointer(event) << " del timeout, not running");
@@ -258,6 +273,10 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
                     "timer " << DisplayPointer(event) << " del timeout");
    unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+   stop(event);
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {
@@ -401,16 +420,14 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
    return *perProcess;
 }
 
-namespace {
-
 class TimerWheelTimerControl final : public Platform::TimerControl, public TimerWheelEvent {
 public:
    TimerWheelTimerControl(Platform::TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
        : handler_(handler), wheel_(std::move(wheel)) {}
    ~TimerWheelTimerControl() override { wheel_->timerStop(this); }
 
-   void setTimeout(double seconds) override { wheel_->timerStart(this, seconds); }
-   void delTimeout() override { wheel_->timerStop(this); }
+   void setTimeout(double seconds) override { wheel_->startAt(this, libraryTime() + seconds); }
+   void delTimeout() override { wheel_->stop(this); }
    double remainingTimeout() const override { return TimerWheelEvent::remainingTimeout(); }
    void timeout() override { handler_->timeout(); }
 
@@ -418,8 +435,6 @@ private:
    Platform::TimeoutHandler* handler_;
    std::shared_ptr<TimerWheel> wheel_;
 };
-
-}  // namespace
 
 namespace Platform {
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,

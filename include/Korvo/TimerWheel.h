@@ -46,6 +46,7 @@ KORVO_EXPORT std::ostream& operator<<(std::ostream& os, TimerWheelState state);
 
 class TimerWheel;
 class TimersAtTimeout;
+class TimerWheelTimerControl;
 
 // One timer of a wheel. Derive and implement timeout(); an event must be stopped
 // (notLinked) before it is destroyed.
@@ -143,7 +144,14 @@ public:
    static timeout_t expiryTick(double expiry);
 
 private:
+   // The wheel's own timer control starts and stops through the inline paths.
+   friend class TimerWheelTimerControl;
+
    void timeout() override;
+   void startAt(TimerWheelEvent* event, double expiry);
+   void stop(TimerWheelEvent* event);
+   // The expiry for a start at or before time 0 (0); NaN is an assertion failure.
+   double pastExpiry(TimerWheelEvent* event, double expiry) const;
    // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
    void unlink(TimerWheelEvent* event);
    void unlinkOther(TimerWheelEvent* event);
