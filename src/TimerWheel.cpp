@@ -181,6 +181,12 @@ TimerWheel::TimerWheel() : error_(0), masterExpiry_(TimerWheelEvent::infinity())
 
 TimerWheel::~TimerWheel() {
    masterTimer_->delTimeout();
+   while (!started_.empty()) {
+      TimerWheelEvent& event = started_.front();
+      started_.pop_front();
+      event.stateIs(TimerWheelState::notLinked);
+      event.expirationTime_ = TimerWheelEvent::infinity();
+   }
    // Whatever is still linked is forgotten, not fired: its owners are going too.
    for (auto& [time, list] : timersExpiringSoon_) {
       while (!list.empty()) {
@@ -202,7 +208,11 @@ void TimerWheel::setCurrentTime() {
 inline void TimerWheel::unlink(TimerWheelEvent* event) {
    // The common case inline; the others out of line.
    if (__builtin_expect((event->record_.flags & stateFlags) == inTimerWheelFlag, 1)) {
-      timeouts_del(wheel_, &event->record_);
+      if (event->record_.timeouts != nullptr) {
+         timeouts_del(wheel_, &event->record_);
+      } else {
+         started_.erase(started_.iterator_to(*event));
+      }
       event->record_.flags = (event->record_.flags & ~stateFlags) | notLinkedFlag;
    } else {
       unlinkOther(event);
@@ -221,9 +231,11 @@ void TimerWheel::unlinkOther(TimerWheelEvent* event) {
    }
 }
 
-// The whole start, inline in both entry points (and the wheel's own control): a
-// start is one dependent chain from the clock read to the wheel's list, so calls,
-// spills and reloads along it are what the caller waits for.
+// The whole start, inline in both entry points (and the wheel's own control). A
+// start is one dependent chain from the clock read on, and the next clock read waits
+// for it; so the start only notes the expiry and appends the timer to the started
+// list, which does not depend on the clock, and leaves the tick and the wheel's
+// lists to addStarted().
 [[gnu::always_inline]] inline void TimerWheel::startAt(TimerWheelEvent* event, double expiry) {
    // Like the libevent controls, a time in the past means "due at once"; NaN fails
    // this one comparison too.
@@ -233,20 +245,26 @@ void TimerWheel::unlinkOther(TimerWheelEvent* event) {
    if (expiry == event->expirationTime_) {
       return;
    }
-   // A record still in the wheel is moved by timeouts_add itself; only one waiting in
-   // the expiring-soon map must be taken out first.
-   if (__builtin_expect((event->record_.flags & stateFlags) == inTimersExpiryingSoonFlag, 0)) {
-      unlinkOther(event);
+   if (event->running()) {
+      unlink(event);
    }
    event->expirationTime_ = expiry;
-   const timeout_t tick = expiryTick(expiry);
    KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStart",
                     "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
-                             << " expire at " << expiry << " tick " << tick);
-   timeouts_add(wheel_, &event->record_, tick);
+                             << " expire at " << expiry << " tick " << expiryTick(expiry));
+   started_.push_back(*event);
+   // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
    event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
    if (masterExpiry_ > expiry) {
       setMasterTimer();
+   }
+}
+
+void TimerWheel::addStarted() {
+   while (!started_.empty()) {
+      TimerWheelEvent& event = started_.front();
+      started_.pop_front();
+      timeouts_add(wheel_, &event.record_, expiryTick(event.expirationTime_));
    }
 }
 
@@ -317,6 +335,7 @@ void TimerWheel::runDueExpiringSoon(double now) {
 void TimerWheel::timeout() {
    KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::timeout", "master timer expired");
    const double now = Korvo::time();
+   addStarted();
    timeouts_update(wheel_, currentTick(now));
    moveExpiredToExpiringSoon();
    try {
@@ -357,6 +376,7 @@ void TimerWheel::eraseFirstExpiringSoon() {
 
 void TimerWheel::setMasterTimer() {
    const double now = Korvo::time();
+   addStarted();
    timeouts_update(wheel_, currentTick(now));
    dropEmptyExpiringSoon();
    // The earliest of three: the first exact expiry waiting in the expiring-soon
