@@ -35,20 +35,29 @@ std::string checkReport(const timeouts* T) {
 
 TEST(TimeoutsTest, OpenCheckAndClose) {
    EXPECT_EQ(timeouts_version(), unsigned{TIMEOUTS_VERSION});
+   EXPECT_LE(timeouts_sizeof(), 16384u);
    int error = -1;
    timeouts* T = timeouts_open(0, &error);
    EXPECT_EQ(error, 0);
    EXPECT_EQ(timeouts_hz(T), TIMEOUT_mHZ);
-   timeout recs[3];
+   timeout recs[3], ticker;
    for (auto& r : recs)
       timeouts_add(T, timeout_init(&r, 0), 300);
    EXPECT_EQ(checkReport(T), "");
    recs[1].expires = 5;
    EXPECT_NE(checkReport(T).find("belongs on list"), std::string::npos);
    recs[1].expires = recs[0].expires;
+   // An interval whose next period would pass the end of time ends there.
+   timeouts_update(T, kMax - 10);
+   timeouts_add(T, timeout_init(&ticker, TIMEOUT_INT), 8);
+   timeouts_update(T, kMax - 1);
+   while (timeouts_get(T) != &ticker) {
+   }
+   EXPECT_EQ(ticker.expires, kMax);
    timeouts_close(T);  // leaves every record idle; deleting one then is harmless
    EXPECT_EQ(recs[0].timeouts, nullptr);
    timeout_del(&recs[0]);
+   timeouts_close(nullptr);
 }
 
 // A wheel beside its reference: pending records in an ordered set by tick; the expired queue

@@ -38,13 +38,11 @@ TEST(VirtualTimeTest, OnlyTheMainThreadSwitchesAndJumpsNeedTheSwitch) {
    for (const bool on : {true, true, false, false})
       setFastForward(on);
    EXPECT_EQ(changes, 2);  // once per change
-   std::string text;
-   std::thread([&text] {
-      text = assertionText([] { setFastForward(true); });
+   std::thread([] {
+      EXPECT_THAT(assertionText([] { setFastForward(true); }),
+                  HasSubstr("FastForward invoked from non-main thread"));
       Korvo::leFree();
    }).join();
-   EXPECT_THAT(text, HasSubstr("FastForward invoked from non-main thread"));
-   EXPECT_FALSE(fastForward());
    EXPECT_THAT(assertionText([] { fastForwardBy(1.0); }),
                HasSubstr("Korvo::Platform::fastForwardBy( Time ) fast-forwarding disabled"));
 }
@@ -75,9 +73,6 @@ TEST(VirtualTimeTest, LoopsJumpTheirSpanWithoutSlipOrEarlyFiring) {
    timer->setTimeout(100.0);
    doEventLoop();
    expectTook(h.at.at(1) - unboundedStart, 100.0);
-
-   EXPECT_THAT(assertionText([] { doEventLoop(std::nan("")); }),
-               HasSubstr("doEventLoop: seconds is NaN"));
 
    // A timer that re-arms itself every second, 3600 times, past one that stays pending.
    Handler ticker, sentinel;
