@@ -12,6 +12,7 @@
 #include <Korvo/TaskScheduler.h>
 
 #include "AllocationCount.h"
+#include "TaskTime.h"
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>

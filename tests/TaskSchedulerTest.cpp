@@ -1,4 +1,5 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/TaskScheduler.h>
 
@@ -338,7 +339,7 @@ TEST_F(TaskSchedulerTest, SnapshotKeepsNewSchedulesForTheNextRound) {
    a->scheduleTask();
    b->scheduleTask();
    sched_->taskRunQueuesMovePersistentToTemporary();
-   EXPECT_TRUE(sched_->taskRunQueue(TaskPriority::normal).snapshotActive());
+   EXPECT_TRUE(Korvo::TestPeer::snapshotActive(sched_->taskRunQueue(TaskPriority::normal)));
    c->scheduleTask();         // goes to the persistent queue, not into the snapshot
    EXPECT_EQ(runOne(), "a");  // a reschedules itself: persistent queue too
    EXPECT_EQ(sched_->runnableTaskCount(TaskPriority::normal), 3u);

@@ -1,4 +1,5 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/Debug.h>
 #include <Korvo/Task.h>
@@ -387,18 +388,18 @@ TEST_F(TaskTest, ForcedYieldSetNotifiesTheSchedulerOnEmptyTransitions) {
    EXPECT_EQ(sched_->forceYieldNotifications, 1);
    b->taskForceYieldInTestIs(true);
    EXPECT_EQ(sched_->forceYieldNotifications, 1);
-   EXPECT_EQ(sched_->taskForceYieldInTestCount(), 2u);
+   EXPECT_EQ(Korvo::TestPeer::taskForceYieldInTestCount(*sched_), 2u);
    a->taskForceYieldInTestIs(false);
    EXPECT_EQ(root_->history()->event(0).display(), "frcYieldOffa");
    EXPECT_EQ(sched_->forceYieldNotifications, 1);
    b.reset();  // a dying task leaves the set
    EXPECT_EQ(sched_->forceYieldNotifications, 2);
-   EXPECT_EQ(sched_->taskForceYieldInTestCount(), 0u);
+   EXPECT_EQ(Korvo::TestPeer::taskForceYieldInTestCount(*sched_), 0u);
    // Inherited from the root, too.
    root_->taskTestYieldRatioIs(4);
-   EXPECT_EQ(sched_->taskForceYieldInTestCount(), 1u);
+   EXPECT_EQ(Korvo::TestPeer::taskForceYieldInTestCount(*sched_), 1u);
    a.reset();
-   EXPECT_EQ(sched_->taskForceYieldInTestCount(), 0u);
+   EXPECT_EQ(Korvo::TestPeer::taskForceYieldInTestCount(*sched_), 0u);
 }
 
 TEST_F(TaskTest, VirtualTimeReachingATaskThrows) {
