@@ -14,38 +14,16 @@
 #include <Korvo/TaskGroup.h>
 #include <Korvo/TaskScheduler.h>
 
+#include "BenchTasks.h"
+
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
 namespace {
 
-constexpr int runsPerBatch = 1000;
-
-class Repeater : public Korvo::Task {
-public:
-   using Task::Task;
-   void taskExecute() override {
-      if (--remaining > 0) {
-         scheduleTask();
-      }
-   }
-   int remaining = 0;
-};
-
-void runBatches(benchmark::State& state, Repeater& task) {
-   task.remaining = 2;
-   task.scheduleTask();
-   Korvo::Platform::doEventLoop();  // warm up
-   for (auto _ : state) {
-      task.remaining = runsPerBatch;
-      task.scheduleTask();
-      Korvo::Platform::doEventLoop();
-   }
-   const double runs = static_cast<double>(state.iterations()) * runsPerBatch;
-   state.counters["cpuPerRun"] =
-       benchmark::Counter(runs, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-}
+using KorvoBench::Repeater;
+using KorvoBench::runBatches;
 
 void BM_TaskRunUnderRoot(benchmark::State& state) {
    auto root = Korvo::schedulerRootKorvoNonShared("bench");
@@ -82,9 +60,7 @@ void BM_TaskRunInSnapshotGroup(benchmark::State& state) {
    for (auto _ : state) {
       root->handleSchedulerRun();  // one turn: every task once
    }
-   const double runs = static_cast<double>(state.iterations() * state.range(0));
-   state.counters["cpuPerRun"] =
-       benchmark::Counter(runs, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   KorvoBench::cpuPerRunIs(state, static_cast<double>(state.iterations() * state.range(0)));
    for (auto& t : tasks) {
       t->unscheduleTask();
    }

@@ -12,6 +12,7 @@
 #include <Korvo/TaskScheduler.h>
 
 #include "AllocationCount.h"
+#include "BenchTasks.h"
 #include "TaskTime.h"
 
 #include <benchmark/benchmark.h>
@@ -27,7 +28,7 @@ using KorvoBench::allocations;
 
 namespace {
 
-constexpr int runsPerBatch = 1000;
+using KorvoBench::runsPerBatch;
 
 // ---- Baseline: raw libevent.
 
@@ -57,42 +58,22 @@ void BM_RawLibeventZeroTimeoutCallback(benchmark::State& state) {
    }
    const double runs = static_cast<double>(state.iterations()) * runsPerBatch;
    state.counters["allocsPerRun"] = static_cast<double>(allocations.load() - before) / runs;
-   state.counters["cpuPerRun"] =
-       benchmark::Counter(runs, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   KorvoBench::cpuPerRunIs(state, runs);
 }
 BENCHMARK(BM_RawLibeventZeroTimeoutCallback);
 
 // ---- The scheduler through the loop.
 
-class Repeater : public Korvo::Task {
-public:
-   using Task::Task;
-   void taskExecute() override {
-      if (--remaining > 0) {
-         scheduleTask();
-      }
-   }
-   int remaining = 0;
-};
+using KorvoBench::Repeater;
 
 // Each run: the task schedules itself, the root requests a callback, the loop calls
 // back, the root picks and runs the task. A batch ends with one idle callback.
 void BM_TaskRunThroughEventLoop(benchmark::State& state) {
    auto root = Korvo::schedulerRootKorvoNonShared("bench");
    auto task = Korvo::makeShared<Repeater>(root, Korvo::TaskPriority::normal, "repeater");
-   task->remaining = 2;
-   task->scheduleTask();
-   Korvo::Platform::doEventLoop();  // warm up: first-use allocations happen here
-   const uint64_t before = allocations.load();
-   for (auto _ : state) {
-      task->remaining = runsPerBatch;
-      task->scheduleTask();
-      Korvo::Platform::doEventLoop();
-   }
-   const double runs = static_cast<double>(state.iterations()) * runsPerBatch;
+   uint64_t before = 0;
+   const double runs = KorvoBench::runBatches(state, *task, [&] { before = allocations.load(); });
    state.counters["allocsPerRun"] = static_cast<double>(allocations.load() - before) / runs;
-   state.counters["cpuPerRun"] =
-       benchmark::Counter(runs, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_TaskRunThroughEventLoop);
 

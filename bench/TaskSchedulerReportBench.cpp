@@ -4,47 +4,20 @@
 // without printing. Target: 10,000 live and 1,000 dead in at most 20 ms, and linear
 // apart from the sort.
 
-#include <Korvo/Allocator.h>
-#include <Korvo/TaskScheduler.h>
+#include "BenchTasks.h"
 
 #include <benchmark/benchmark.h>
 
-#include <sstream>
-#include <string>
 #include <vector>
 
 namespace {
 
-class Worker : public Korvo::Task {
-public:
-   using Task::Task;
-   void taskExecute() override { taskWorkCountInc(3); }
-};
-
-struct Population {
-   std::shared_ptr<Korvo::TaskSchedulerRoot> root;
-   std::vector<std::shared_ptr<Worker>> live;
-
-   explicit Population(int64_t n) : root(Korvo::schedulerRootKorvoNonShared("report")) {
-      const Korvo::TaskPriority priorities[] = {
-          Korvo::TaskPriority::high, Korvo::TaskPriority::normal, Korvo::TaskPriority::low};
-      for (int64_t i = 0; i < n + n / 10; ++i) {
-         auto t = Korvo::makeShared<Worker>(root, priorities[i % 3],
-                                            "subsystem;worker" + std::to_string(i));
-         t->taskRunFromTest();
-         live.push_back(std::move(t));
-      }
-      live.resize(static_cast<std::size_t>(n));  // the rest die: one dead name each
-   }
-};
+using KorvoBench::Population;
 
 void BM_PrintStats(benchmark::State& state) {
-   Population pop(state.range(0));
-   for (auto _ : state) {
-      std::ostringstream os;
-      pop.root->printStats(os, true, false, 0, 4294967295u, 4294967295u);
-      benchmark::DoNotOptimize(os.str().size());
-   }
+   Population(state.range(0)).timeWrite(state, [](auto& root, auto& os) {
+      root.printStats(os, true, false, 0, 4294967295u, 4294967295u);
+   });
    state.SetComplexityN(state.range(0));
 }
 BENCHMARK(BM_PrintStats)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->Complexity();

@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "Debug"
 #include "Korvo/Debug.h"
 
+#include "DebugComponent.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Locking.h"
 #include "Korvo/Thread.h"
@@ -311,45 +312,25 @@ std::shared_ptr<Platform::DebugHandler> DebugControl::get(const std::string& nam
 // is small and changes rarely, so plain walks beat extra indexes.
 class DebugRegistry {
 public:
-   static void setExact(const std::string& name, uint32_t bits) {
-      DebugControl* control;
-      auto it = DebugControl::debugsMap_->find(name);
-      if (it != DebugControl::debugsMap_->end()) {
-         control = it->second;
-         control->levels_ |= bits;
-      } else {
-         // A new exact entry starts from what the wildcards gave the name.
+   // Adds `bits` to the entry of a name, or with `wildcard` of a prefix; a new entry
+   // starts from what the wildcards gave it. The entry's levels then go into every
+   // live handler it reaches and, for a prefix, into every entry below it.
+   static void set(const std::string& name, bool wildcard, uint32_t bits) {
+      DebugControl* control = find(name, wildcard);
+      if (control == nullptr) {
          DebugControl* w = DebugControl::findWildcard(name);
-         control = new DebugControl(name, static_cast<int>((w ? w->levels_ : 0) | bits), false);
+         control = new DebugControl(name, static_cast<int>(w ? w->levels_ : 0), wildcard);
       }
-      for (DebugHandler* h : handlersWhere([&](const std::string& n) { return n == name; })) {
-         h->levelsOr(control->levels_);
-      }
-   }
-
-   static void setWildcard(const std::string& prefix, uint32_t bits) {
-      DebugControl* control;
-      auto it = DebugControl::wildCardDebugsMap_->find(prefix);
-      if (it != DebugControl::wildCardDebugsMap_->end()) {
-         control = it->second;
-         control->levels_ |= bits;
-      } else {
-         DebugControl* w = DebugControl::findWildcard(prefix);
-         control = new DebugControl(prefix, static_cast<int>((w ? w->levels_ : 0) | bits), true);
-      }
+      control->levels_ |= bits;
       const uint16_t levels = control->levels_;
-      for (auto& [p, c] : *DebugControl::wildCardDebugsMap_) {
-         if (startsWith(p, prefix)) {
-            c->levels_ |= levels;
-         }
+      const auto reaches = [&](const std::string& n) {
+         return wildcard ? startsWith(n, name) : n == name;
+      };
+      if (wildcard) {
+         orLevelsWhere(*DebugControl::wildCardDebugsMap_, reaches, levels);
+         orLevelsWhere(*DebugControl::debugsMap_, reaches, levels);
       }
-      for (auto& [n, c] : *DebugControl::debugsMap_) {
-         if (startsWith(n, prefix)) {
-            c->levels_ |= levels;
-         }
-      }
-      for (DebugHandler* h :
-           handlersWhere([&](const std::string& n) { return startsWith(n, prefix); })) {
+      for (DebugHandler* h : handlersWhere(reaches)) {
          h->levelsOr(levels);
       }
    }
@@ -392,6 +373,24 @@ public:
    }
 
 private:
+   static DebugControl* find(const std::string& name, bool wildcard) {
+      if (wildcard) {
+         auto it = DebugControl::wildCardDebugsMap_->find(name);
+         return it == DebugControl::wildCardDebugsMap_->end() ? nullptr : it->second;
+      }
+      auto it = DebugControl::debugsMap_->find(name);
+      return it == DebugControl::debugsMap_->end() ? nullptr : it->second;
+   }
+
+   template <typename Map, typename Where>
+   static void orLevelsWhere(Map& map, const Where& where, uint16_t levels) {
+      for (auto& [n, c] : map) {
+         if (where(n)) {
+            c->levels_ |= levels;
+         }
+      }
+   }
+
    // An exact entry emptied of levels goes, unless a wildcard would then give
    // the name levels it was cleared of: then it stays and shadows the wildcard.
    static void clearControl(DebugControl* control, uint32_t bits) {
@@ -408,11 +407,7 @@ void DebugControl::set(const std::string& name, const std::string& levels) {
    const uint32_t bits = parseLevels(levels);
    Platform::LocoGuard guard;
    initialize();
-   if (wildcard) {
-      DebugRegistry::setWildcard(base, bits);
-   } else {
-      DebugRegistry::setExact(base, bits);
-   }
+   DebugRegistry::set(base, wildcard, bits);
 }
 
 void DebugControl::clear(const std::string& name, const std::string& levels) {
@@ -642,6 +637,19 @@ char* buildPrefix(char* out, uint32_t level, const DebugHandler* handler, const 
 std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name) noexcept {
    return Nyx::DebugControl::get(name);
 }
+
+}  // namespace Platform
+
+Platform::DebugHandler& Impl::ComponentDebug::make() const {
+   Platform::LocoGuard guard;
+   if (handler_.load(std::memory_order_relaxed) == nullptr) {
+      holder_ = new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler(name_));
+      handler_.store(holder_->get(), std::memory_order_release);
+   }
+   return **holder_;
+}
+
+namespace Platform {
 
 void destroyDebugHandler(DebugHandler* handler) noexcept {
    LocoGuard guard;

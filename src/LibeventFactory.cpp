@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "LibeventFactoryCpp"
 #include "LibeventFactory.h"
 
+#include "HandlerCall.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Exception.h"
 #include "Korvo/TaskScheduler.h"
@@ -14,33 +15,11 @@
 #include <cstring>
 #include <limits>
 
-// Control traces start with "Class::method:line " so that a line can be traced back
-// to its site without the line-info trace field.
-#define KORVO_LE_TRACE(level, where, msg) \
-   KORVO_TRACE(::Korvo::leDebug(), level, where ":" << __LINE__ << " " << msg)
-
 namespace Korvo {
 
 thread_local constinit LeThreadState leState;
 
-Platform::DebugHandler* leDebugHandler = nullptr;
-
-Platform::DebugHandler& makeLeDebug() {
-   // Made once and never freed: loops on other threads may trace until the process is
-   // gone, after static destructors have run.
-   static std::shared_ptr<Platform::DebugHandler>* const handler =
-       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoLibevent"));
-   leDebugHandler = handler->get();
-   return **handler;
-}
-
-namespace {
-// Right after the tracing defaults are in place, so that TRACE reaches the channel and
-// no control operation ever needs to make it.
-__attribute__((constructor(105))) void makeLeDebugAtLoad() {
-   makeLeDebug();
-}
-}  // namespace
+KORVO_COMPONENT_DEBUG(leDebug, "KorvoLibevent");
 
 // ---- Diagnostics.
 
@@ -273,8 +252,8 @@ LibeventTimerControl::~LibeventTimerControl() {
 void LibeventTimerControl::setTimeout(double seconds) {
    owner_.check("setTimeout");
    const timeval delay = timevalFromSeconds(seconds, "LibeventTimerControl::setTimeout");
-   KORVO_LE_TRACE(9, "LibeventTimerControl::setTimeout",
-                  "Timer " << DisplayPointer(this) << " set timeout " << seconds);
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventTimerControl::setTimeout",
+                    "Timer " << DisplayPointer(this) << " set timeout " << seconds);
    // No separate delete: event_add replaces a pending expiry, and also withdraws one
    // that has fired but whose handler has not run yet, so there is never more than one.
    event_add(&event_, &delay);
@@ -286,8 +265,8 @@ void LibeventTimerControl::delTimeout() {
 }
 
 void LibeventTimerControl::disarm() {
-   KORVO_LE_TRACE(9, "LibeventTimerControl::delTimeout",
-                  "Timer " << DisplayPointer(this) << " del timeout");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventTimerControl::delTimeout",
+                    "Timer " << DisplayPointer(this) << " del timeout");
    event_del(&event_);
 }
 
@@ -317,18 +296,14 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) 
 }
 
 void LibeventTimerControl::handleExpiry() {
-   KORVO_LE_TRACE(9, "LibeventTimerControl::handleExpiry",
-                  "Timer " << DisplayPointer(this) << " expired");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventTimerControl::handleExpiry",
+                    "Timer " << DisplayPointer(this) << " expired");
    // Nothing of the control is touched after the call: the handler may destroy it.
    Platform::TimeoutHandler* handler = timeoutHandler_;
-   try {
-      handler->timeout();
-   } catch (...) {
-      if (!handler->handleTimeoutException()) {
-         throw;
-      }
-      KORVO_LE_TRACE(9, "LibeventTimerControl::handleExpiry",
-                     "Timeout notification exception was handled");
+   if (Impl::callHandler([&] { handler->timeout(); },
+                         [&] { return handler->handleTimeoutException(); })) {
+      KORVO_SITE_TRACE(leDebug, 9, "LibeventTimerControl::handleExpiry",
+                       "Timeout notification exception was handled");
    }
 }
 
@@ -338,21 +313,21 @@ LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* hand
     : LibeventTimerControl(this), callbackHandler_(handler) {}
 
 LibeventCallbackControl::~LibeventCallbackControl() {
-   KORVO_LE_TRACE(9, "LibeventCallbackControl::cancelCallback",
-                  "Callback " << DisplayPointer(this) << " cancel");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::cancelCallback",
+                    "Callback " << DisplayPointer(this) << " cancel");
 }
 
 void LibeventCallbackControl::requestCallback() {
-   KORVO_LE_TRACE(9, "LibeventCallbackControl::requestCallback",
-                  "Callback " << DisplayPointer(this) << " request");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::requestCallback",
+                    "Callback " << DisplayPointer(this) << " request");
    // A zero timeout runs on the next pass, after the callbacks of the current one; a
    // second request re-adds the same event, so requests coalesce.
    LibeventTimerControl::setTimeout(0.0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
-   KORVO_LE_TRACE(9, "LibeventCallbackControl::cancelCallback",
-                  "Callback " << DisplayPointer(this) << " cancel");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::cancelCallback",
+                    "Callback " << DisplayPointer(this) << " cancel");
    LibeventTimerControl::delTimeout();
 }
 
@@ -361,17 +336,13 @@ bool LibeventCallbackControl::pendingCallback() const {
 }
 
 void LibeventCallbackControl::timeout() {
-   KORVO_LE_TRACE(9, "LibeventCallbackControl::timeout",
-                  "Callback " << DisplayPointer(this) << " execute");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::timeout",
+                    "Callback " << DisplayPointer(this) << " execute");
    Platform::CallbackHandler* handler = callbackHandler_;
-   try {
-      handler->callback();
-   } catch (...) {
-      if (!handler->handleCallbackException()) {
-         throw;
-      }
-      KORVO_LE_TRACE(9, "LibeventCallbackControl::timeout",
-                     "Callback notification exception was handled");
+   if (Impl::callHandler([&] { handler->callback(); },
+                         [&] { return handler->handleCallbackException(); })) {
+      KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::timeout",
+                       "Callback notification exception was handled");
    }
 }
 
@@ -397,9 +368,9 @@ void armFdEvent(event* ev, int fd, short what, event_callback_fn callback, void*
    event_del(ev);
    event_assign(ev, event_get_base(ev), fd, what, callback, control);
    if (event_add(ev, nullptr) != 0) {
-      KORVO_LE_TRACE(1, "LibeventFdControl::armFdEvent",
-                     "Fd " << DisplayPointer(control) << " cannot watch fd " << fd << " for "
-                           << ((what & EV_READ) ? "reads" : "writes"));
+      KORVO_SITE_TRACE(leDebug, 1, "LibeventFdControl::armFdEvent",
+                       "Fd " << DisplayPointer(control) << " cannot watch fd " << fd << " for "
+                             << ((what & EV_READ) ? "reads" : "writes"));
    }
 }
 
@@ -426,7 +397,8 @@ void LibeventFdControl::setFd(int fd) {
    KORVO_ASSERT(flags >= 0, "flags >= 0 (fd " << fd << ": " << std::strerror(errno) << ")");
    const int result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
    KORVO_ASSERT(result == 0, "result == 0 (fd " << fd << ": " << std::strerror(errno) << ")");
-   KORVO_LE_TRACE(9, "LibeventFdControl::setFd", "Fd " << DisplayPointer(this) << " set fd " << fd);
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventFdControl::setFd",
+                    "Fd " << DisplayPointer(this) << " set fd " << fd);
    fd_ = fd;
    // Re-armed even when the number is unchanged: it may name a new file by now, and
    // the kernel's registration was for the old one.
@@ -476,8 +448,8 @@ void LibeventFdControl::delFd() {
 }
 
 void LibeventFdControl::disarm() {
-   KORVO_LE_TRACE(9, "LibeventFdControl::delFd",
-                  "Fd " << DisplayPointer(this) << " del fd " << fd_);
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventFdControl::delFd",
+                    "Fd " << DisplayPointer(this) << " del fd " << fd_);
    disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
    disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
    fd_ = -1;
@@ -496,25 +468,15 @@ void LibeventFdControl::handleFdWrite(evutil_socket_t, short, void* control) {
 void LibeventFdControl::handleRead() {
    const int fd = getFd();
    Platform::FdEventHandler* handler = fdHandler_;
-   try {
-      handler->readFdEvent(fd);
-   } catch (...) {
-      if (!handler->handleFdException(fd)) {
-         throw;
-      }
-   }
+   Impl::callHandler([&] { handler->readFdEvent(fd); },
+                     [&] { return handler->handleFdException(fd); });
 }
 
 void LibeventFdControl::handleWrite() {
    const int fd = getFd();
    Platform::FdEventHandler* handler = fdHandler_;
-   try {
-      handler->writeFdEvent(fd);
-   } catch (...) {
-      if (!handler->handleFdException(fd)) {
-         throw;
-      }
-   }
+   Impl::callHandler([&] { handler->writeFdEvent(fd); },
+                     [&] { return handler->handleFdException(fd); });
 }
 
 // ---- Factories.

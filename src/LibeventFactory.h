@@ -9,6 +9,8 @@
 #include <Korvo/Export.h>
 #include <Korvo/Platform.h>
 
+#include "DebugComponent.h"
+
 #include <event2/event.h>
 #include <event2/event_struct.h>
 #include <sys/time.h>
@@ -22,14 +24,8 @@
 namespace Korvo {
 
 // The "KorvoLibevent" trace channel: control operations at level 9, virtual-time jumps
-// at level 2, libevent's own messages at the level of their severity. Made while the
-// library loads; leDebug() is inline because every control operation tests it.
-Platform::DebugHandler& makeLeDebug();
-extern Platform::DebugHandler* leDebugHandler;
-inline Platform::DebugHandler& leDebug() {
-   Platform::DebugHandler* handler = leDebugHandler;
-   return __builtin_expect(handler != nullptr, 1) ? *handler : makeLeDebug();
-}
+// at level 2, libevent's own messages at the level of their severity.
+extern Impl::ComponentDebug leDebug;
 
 // Per-thread state of the back-end. Trivially destructible and constant-initialised,
 // so reaching it from any of the back-end's files costs no initialisation check.

@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "LibeventFactoryRemoteCpp"
 #include "LibeventFactory.h"
 
+#include "HandlerCall.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Exception.h"
 
@@ -10,9 +11,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-
-#define KORVO_LE_TRACE(level, where, msg) \
-   KORVO_TRACE(::Korvo::leDebug(), level, where ":" << __LINE__ << " " << msg)
 
 namespace Korvo {
 
@@ -47,8 +45,8 @@ LibeventRemoteCallbackControl::~LibeventRemoteCallbackControl() {
 
 bool LibeventRemoteCallbackControl::tryRequestCallback() {
    if (!threadAlive_->load(std::memory_order_acquire)) {
-      KORVO_LE_TRACE(1, "LibeventRemoteCallbackControl::requestCallback",
-                     "Callback " << DisplayPointer(this) << " dropped: its thread has ended");
+      KORVO_SITE_TRACE(leDebug, 1, "LibeventRemoteCallbackControl::requestCallback",
+                       "Callback " << DisplayPointer(this) << " dropped: its thread has ended");
       return false;
    }
    // Only the request that finds nothing pending wakes the loop; the exchange also
@@ -87,17 +85,13 @@ void LibeventRemoteCallbackControl::handleWakeup(evutil_socket_t fd, short, void
 }
 
 void LibeventRemoteCallbackControl::runCallback() {
-   KORVO_LE_TRACE(9, "LibeventRemoteCallbackControl::runCallback",
-                  "Callback " << DisplayPointer(this) << " execute");
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventRemoteCallbackControl::runCallback",
+                    "Callback " << DisplayPointer(this) << " execute");
    Platform::CallbackHandler* handler = handler_;
-   try {
-      handler->callback();
-   } catch (...) {
-      if (!handler->handleCallbackException()) {
-         throw;
-      }
-      KORVO_LE_TRACE(9, "LibeventRemoteCallbackControl::runCallback",
-                     "Callback notification exception was handled");
+   if (Impl::callHandler([&] { handler->callback(); },
+                         [&] { return handler->handleCallbackException(); })) {
+      KORVO_SITE_TRACE(leDebug, 9, "LibeventRemoteCallbackControl::runCallback",
+                       "Callback notification exception was handled");
    }
 }
 

@@ -1,14 +1,12 @@
 #define KORVO_SOURCE_FILE "LibeventFactorySignalCpp"
 #include "LibeventFactory.h"
 
+#include "HandlerCall.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Exception.h"
 
 #include <csignal>
 #include <mutex>
-
-#define KORVO_LE_TRACE(level, where, msg) \
-   KORVO_TRACE(::Korvo::leDebug(), level, where ":" << __LINE__ << " " << msg)
 
 namespace Korvo {
 
@@ -63,8 +61,8 @@ LibeventSignalControl::LibeventSignalControl(Platform::SignalHandler* handler, i
                 &LibeventSignalControl::handleSignal, this);
    KORVO_ASSERT(event_add(&event_, nullptr) == 0,
                 "getSignalControl: libevent refused signal " << signo_);
-   KORVO_LE_TRACE(9, "LibeventSignalControl",
-                  "Signal " << DisplayPointer(this) << " watch " << signo_);
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventSignalControl",
+                    "Signal " << DisplayPointer(this) << " watch " << signo_);
 }
 
 LibeventSignalControl::~LibeventSignalControl() {
@@ -80,18 +78,14 @@ void LibeventSignalControl::handleSignal(evutil_socket_t, short, void* control) 
 }
 
 void LibeventSignalControl::deliver() {
-   KORVO_LE_TRACE(9, "LibeventSignalControl::deliver",
-                  "Signal " << DisplayPointer(this) << " received " << signo_);
+   KORVO_SITE_TRACE(leDebug, 9, "LibeventSignalControl::deliver",
+                    "Signal " << DisplayPointer(this) << " received " << signo_);
    Platform::SignalHandler* handler = handler_;
    const int signo = signo_;
-   try {
-      handler->signalReceived(signo);
-   } catch (...) {
-      if (!handler->handleSignalException(signo)) {
-         throw;
-      }
-      KORVO_LE_TRACE(9, "LibeventSignalControl::deliver",
-                     "Signal notification exception was handled");
+   if (Impl::callHandler([&] { handler->signalReceived(signo); },
+                         [&] { return handler->handleSignalException(signo); })) {
+      KORVO_SITE_TRACE(leDebug, 9, "LibeventSignalControl::deliver",
+                       "Signal notification exception was handled");
    }
 }
 

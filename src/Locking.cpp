@@ -17,94 +17,72 @@ std::thread::id threadId(pthread_t t) {
    return std::thread::id(t);
 }
 
-void initMutex(pthread_mutex_t& mutex, int kind) {
+}  // namespace
+
+namespace Impl {
+
+OwnedMutex::OwnedMutex(int kind) : owner_(0) {
    pthread_mutexattr_t attr;
    pthread_mutexattr_init(&attr);
    pthread_mutexattr_settype(&attr, kind);
-   pthread_mutex_init(&mutex, &attr);
+   pthread_mutex_init(&mutex_, &attr);
    pthread_mutexattr_destroy(&attr);
 }
 
-// Both lock classes record the owner after taking the mutex and clear it
-// before releasing it. owns_lock() reads the owner without holding the mutex,
-// hence atomic accesses; relaxed is enough, as a thread can only ever find its own
-// id there if it wrote it itself.
-pthread_t ownerOf(const pthread_t& owner) {
-   return std::atomic_ref<pthread_t>(const_cast<pthread_t&>(owner)).load(std::memory_order_relaxed);
-}
-
-void ownerIs(pthread_t& owner, pthread_t thread) {
-   std::atomic_ref<pthread_t>(owner).store(thread, std::memory_order_relaxed);
-}
-
-void lockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
-   const int rc = pthread_mutex_lock(&mutex);
-   if (rc != 0) {
-      throw std::system_error(rc, std::generic_category());
-   }
-   ownerIs(owner, pthread_self());
-}
-
-bool tryLockRecordingOwner(pthread_mutex_t& mutex, pthread_t& owner) {
-   if (pthread_mutex_trylock(&mutex) != 0) {
-      return false;
-   }
-   ownerIs(owner, pthread_self());
-   return true;
-}
-
-}  // namespace
-
-Lock::Lock() : owner_(0) {
-   initMutex(mutex_, PTHREAD_MUTEX_DEFAULT);
-}
-
-Lock::~Lock() {
+OwnedMutex::~OwnedMutex() {
    pthread_mutex_destroy(&mutex_);
 }
 
-void Lock::lock() {
-   lockRecordingOwner(mutex_, owner_);
+// owns_lock() reads the owner without holding the mutex, hence atomic accesses;
+// relaxed is enough, as a thread can only ever find its own id there if it wrote it
+// itself.
+pthread_t OwnedMutex::owner() const {
+   return std::atomic_ref<pthread_t>(const_cast<pthread_t&>(owner_))
+       .load(std::memory_order_relaxed);
 }
 
-bool Lock::try_lock() {
-   return tryLockRecordingOwner(mutex_, owner_);
+void OwnedMutex::lock() {
+   const int rc = pthread_mutex_lock(&mutex_);
+   if (rc != 0) {
+      throw std::system_error(rc, std::generic_category());
+   }
+   std::atomic_ref<pthread_t>(owner_).store(pthread_self(), std::memory_order_relaxed);
 }
 
-bool Lock::owns_lock() const {
-   return pthread_equal(ownerOf(owner_), pthread_self()) != 0;
+bool OwnedMutex::try_lock() {
+   if (pthread_mutex_trylock(&mutex_) != 0) {
+      return false;
+   }
+   std::atomic_ref<pthread_t>(owner_).store(pthread_self(), std::memory_order_relaxed);
+   return true;
 }
+
+bool OwnedMutex::owns_lock() const {
+   return pthread_equal(owner(), pthread_self()) != 0;
+}
+
+void OwnedMutex::release(bool clearOwner) {
+   // Cleared before the release, so no thread can see itself as owner of a lock
+   // it no longer holds.
+   if (clearOwner) {
+      std::atomic_ref<pthread_t>(owner_).store(0, std::memory_order_relaxed);
+   }
+   pthread_mutex_unlock(&mutex_);
+}
+
+}  // namespace Impl
+
+Lock::Lock() : OwnedMutex(PTHREAD_MUTEX_DEFAULT) {}
 
 void Lock::unlock() {
    KORVO_ASSERT(owns_lock(),
                 "Korvo::Locking::Lock::unlock() attempting to release a lock that is not "
                 "currently held, owner:"
-                    << threadId(ownerOf(owner_)) << " me:" << threadId(pthread_self()));
-   // Cleared before the release, so no thread can see itself as owner of a lock
-   // it no longer holds.
-   ownerIs(owner_, 0);
-   pthread_mutex_unlock(&mutex_);
+                    << threadId(owner()) << " me:" << threadId(pthread_self()));
+   release(true);
 }
 
-RecursiveLock::RecursiveLock() : owner_(0) {
-   initMutex(mutex_, PTHREAD_MUTEX_RECURSIVE);
-}
-
-RecursiveLock::~RecursiveLock() {
-   pthread_mutex_destroy(&mutex_);
-}
-
-void RecursiveLock::lock() {
-   lockRecordingOwner(mutex_, owner_);
-}
-
-bool RecursiveLock::try_lock() {
-   return tryLockRecordingOwner(mutex_, owner_);
-}
-
-bool RecursiveLock::owns_lock() const {
-   return pthread_equal(ownerOf(owner_), pthread_self()) != 0;
-}
+RecursiveLock::RecursiveLock() : OwnedMutex(PTHREAD_MUTEX_RECURSIVE) {}
 
 // glibc keeps the recursion depth of a recursive mutex in the mutex itself; we
 // read it rather than keeping a second count that could disagree.
@@ -117,12 +95,9 @@ void RecursiveLock::unlock() {
    KORVO_ASSERT(owns_lock() && count != 0,
                 "Korvo::Locking::RecursiveLock::unlock() attempting to release a lock that is "
                 "not currently held, owner:"
-                    << threadId(ownerOf(owner_)) << " me:" << threadId(pthread_self())
+                    << threadId(owner()) << " me:" << threadId(pthread_self())
                     << " lockCount:" << count);
-   if (count == 1) {
-      ownerIs(owner_, 0);
-   }
-   pthread_mutex_unlock(&mutex_);
+   release(count == 1);
 }
 
 ConditionalGuard::ConditionalGuard(Lock& lock) : lock_(lock), release_(true) {

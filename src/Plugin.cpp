@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "PluginCpp"
 #include "Korvo/Plugin.h"
 
+#include "DebugComponent.h"
 #include "Korvo/Debug.h"
 #include "Korvo/Exception.h"
 #include "Korvo/Locking.h"
@@ -16,17 +17,14 @@ namespace {
 
 using Registry = std::map<std::string, Plugin*>;
 
-// Both are never destroyed: plug-ins live until the process ends, and their
+// Never destroyed: plug-ins live until the process ends, and their
 // objects may be looked up from exit-time code. Guarded by loco().
 Registry& registry() {
    static auto* plugins = new Registry();
    return *plugins;
 }
 
-DebugHandler& pluginHandler() {
-   static auto* handler = new std::shared_ptr<DebugHandler>(getDebugHandler("KorvoPlugin"));
-   return **handler;
-}
+KORVO_COMPONENT_DEBUG(pluginHandler, "KorvoPlugin");
 
 Plugin* find(const std::string& name) {
    const auto it = registry().find(name);

@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "TaskControlCpp"
 #include "Korvo/TaskControl.h"
 
+#include "HandlerCall.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Exception.h"
 #include "Korvo/TaskScheduler.h"
@@ -76,24 +77,14 @@ TaskFdControl::~TaskFdControl() = default;
 
 void TaskFdControl::taskExecuteReadable() {
    const int fd = getFd();
-   try {
-      handler_->readFdEvent(fd);
-   } catch (...) {
-      if (!handler_->handleFdException(fd)) {
-         throw;
-      }
-   }
+   Impl::callHandler([&] { handler_->readFdEvent(fd); },
+                     [&] { return handler_->handleFdException(fd); });
 }
 
 void TaskFdControl::taskExecuteWritable() {
    const int fd = getFd();
-   try {
-      handler_->writeFdEvent(fd);
-   } catch (...) {
-      if (!handler_->handleFdException(fd)) {
-         throw;
-      }
-   }
+   Impl::callHandler([&] { handler_->writeFdEvent(fd); },
+                     [&] { return handler_->handleFdException(fd); });
 }
 
 void TaskFdControl::setReads(bool on) {

@@ -11,13 +11,7 @@
 namespace Korvo {
 
 namespace Impl {
-namespace {
-// Never destroyed: tasks may trace from thread-exit and static destructors. Kept in
-// a global so that leak checkers see it as reachable.
-std::shared_ptr<Platform::DebugHandler>* const taskSchedulerDebugHolder =
-    new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("TaskScheduler"));
-}  // namespace
-Platform::DebugHandler& taskSchedulerDebug = **taskSchedulerDebugHolder;
+KORVO_COMPONENT_DEBUG(taskSchedulerDebug, "TaskScheduler");
 }  // namespace Impl
 
 using Impl::taskSchedulerDebug;

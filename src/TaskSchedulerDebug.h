@@ -3,13 +3,13 @@
 
 // The trace handler shared by the scheduler's source files. Never installed.
 
-#include "Korvo/Debug.h"
+#include "DebugComponent.h"
 
 namespace Korvo::Impl {
 
-// "TaskScheduler"; made at library load and never destroyed, because tasks may be
-// destroyed (and trace) from thread-exit and static destructors.
-extern Platform::DebugHandler& taskSchedulerDebug;
+// "TaskScheduler": tasks may be destroyed, and trace, from thread-exit and static
+// destructors.
+extern ComponentDebug taskSchedulerDebug;
 
 }  // namespace Korvo::Impl
 

@@ -57,7 +57,7 @@ void TaskSchedulerRoot::requestSchedulerRun() {
 }
 
 void TaskSchedulerRoot::callback() {
-   handleSchedulerRun();
+   TaskSchedulerRoot::handleSchedulerRun();
 }
 
 void TaskSchedulerRoot::handleSchedulerRun() {

@@ -88,22 +88,12 @@ TaskStat::TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, uint
                    uint32_t quantumViolation200, TaskDuration runTimeHighWaterMark,
                    TaskDuration lastSchedulingLatency, TaskDuration schedulingLatencyHighWaterMark,
                    TaskStatus status)
-    : name_(std::move(name)),
-      key_(key),
-      priority_(priority),
-      runCount_(runCount),
-      totalRunTime_(totalRunTime),
-      workCountTotal_(workCountTotal),
-      workCountDecayAverage_(workCountDecayAverage),
-      workCountHighWaterMark_(workCountHighWaterMark),
-      workPending_(workPending),
-      workPendingHighWaterMark_(workPendingHighWaterMark),
-      quantumViolation500_(quantumViolation500),
-      quantumViolation200_(quantumViolation200),
-      runTimeHighWaterMark_(runTimeHighWaterMark),
-      lastSchedulingLatency_(lastSchedulingLatency),
-      schedulingLatencyHighWaterMark_(schedulingLatencyHighWaterMark),
-      status_(status) {}
+    : TaskStat(std::move(name), key, priority,
+               RunCounters{runCount, totalRunTime, workCountTotal, workCountDecayAverage,
+                           workCountHighWaterMark, workPending, workPendingHighWaterMark,
+                           quantumViolation500, quantumViolation200, runTimeHighWaterMark,
+                           lastSchedulingLatency, schedulingLatencyHighWaterMark},
+               status) {}
 
 std::string TaskStat::taskStatusString() const {
    std::string out(2, ' ');
@@ -129,20 +119,25 @@ void raiseMark(TaskMaybeU32& mark, TaskMaybeU32 other) {
 }
 }  // namespace
 
+TaskStat::RunCounters& TaskStat::RunCounters::operator+=(const RunCounters& other) {
+   runCount += other.runCount;
+   totalRunTime += other.totalRunTime;
+   workCountTotal += other.workCountTotal;
+   workCountDecayAverage += other.workCountDecayAverage;
+   raiseMark(workCountHighWaterMark, other.workCountHighWaterMark);
+   workPending += other.workPending;
+   raiseMark(workPendingHighWaterMark, other.workPendingHighWaterMark);
+   quantumViolation500 += other.quantumViolation500;
+   quantumViolation200 += other.quantumViolation200;
+   runTimeHighWaterMark = std::max(runTimeHighWaterMark, other.runTimeHighWaterMark);
+   lastSchedulingLatency = std::max(lastSchedulingLatency, other.lastSchedulingLatency);
+   schedulingLatencyHighWaterMark =
+       std::max(schedulingLatencyHighWaterMark, other.schedulingLatencyHighWaterMark);
+   return *this;
+}
+
 TaskStat& TaskStat::operator+=(const TaskStat& other) {
-   runCount_ += other.runCount_;
-   totalRunTime_ += other.totalRunTime_;
-   workCountTotal_ += other.workCountTotal_;
-   workCountDecayAverage_ += other.workCountDecayAverage_;
-   raiseMark(workCountHighWaterMark_, other.workCountHighWaterMark_);
-   workPending_ += other.workPending_;
-   raiseMark(workPendingHighWaterMark_, other.workPendingHighWaterMark_);
-   quantumViolation500_ += other.quantumViolation500_;
-   quantumViolation200_ += other.quantumViolation200_;
-   runTimeHighWaterMark_ = std::max(runTimeHighWaterMark_, other.runTimeHighWaterMark_);
-   lastSchedulingLatency_ = std::max(lastSchedulingLatency_, other.lastSchedulingLatency_);
-   schedulingLatencyHighWaterMark_ =
-       std::max(schedulingLatencyHighWaterMark_, other.schedulingLatencyHighWaterMark_);
+   counters_ += other.counters_;
    deadCount_ += other.deadCount_;
    return *this;
 }

@@ -204,8 +204,9 @@ void TaskImpl::taskQuantumNoCheckIs(TaskDuration quantum) {
 }
 
 bool TaskImpl::taskShouldYield() const {
-   KORVO_ASSERT(currentlyRunning_ || runCount_ == 0,
-                "taskCurrentlyRunning: " << currentlyRunning_ << " taskRunCount: " << runCount_);
+   KORVO_ASSERT(
+       currentlyRunning_ || counters_.runCount == 0,
+       "taskCurrentlyRunning: " << currentlyRunning_ << " taskRunCount: " << counters_.runCount);
    switch (yieldMode_) {
       case YieldMode::realTime: {
          const TaskTimePoint now = taskTime();
@@ -261,54 +262,36 @@ void TaskImpl::taskShouldYieldModeReevaluate() {
 // TaskImpl: work accounting and statistics
 
 void TaskImpl::taskWorkCountInc(unsigned long n) {
-   workCountTotal_ += n;
-   if (!workCountHighWaterMark_.hasValue()) {
-      workCountDecayAverage_ = static_cast<float>(n);
+   counters_.workCountTotal += n;
+   if (!counters_.workCountHighWaterMark.hasValue()) {
+      counters_.workCountDecayAverage = static_cast<float>(n);
    } else {
-      workCountDecayAverage_ = (9.0f * workCountDecayAverage_ + static_cast<float>(n)) / 10.0f;
+      counters_.workCountDecayAverage =
+          (9.0f * counters_.workCountDecayAverage + static_cast<float>(n)) / 10.0f;
    }
-   workCountHighWaterMark_.raise(n);
+   counters_.workCountHighWaterMark.raise(n);
 }
 
 void TaskImpl::taskWorkPendingIs(unsigned int n) {
-   workPending_ = n;
-   workPendingHighWaterMark_.raise(n);
+   counters_.workPending = n;
+   counters_.workPendingHighWaterMark.raise(n);
 }
 
 TaskStat TaskImpl::getStats() const {
-   return TaskStat(taskName(), TaskKey(this), taskPriority(), runCount_, totalRunTime_,
-                   workCountTotal_, workCountDecayAverage_, workCountHighWaterMark_, workPending_,
-                   workPendingHighWaterMark_, quantumViolation500_, quantumViolation200_,
-                   runTimeHighWaterMark_, lastSchedulingLatency_, schedulingLatencyHighWaterMark_,
-                   taskStatus());
-}
-
-void TaskImpl::clearStatsFields() {
-   runCount_ = 0;
-   totalRunTime_ = TaskDuration(0);
-   runTimeHighWaterMark_ = TaskDuration(0);
-   workCountTotal_ = 0;
-   workCountDecayAverage_ = 0.0f;
-   workCountHighWaterMark_.clear();
-   workPending_ = 0;
-   workPendingHighWaterMark_.clear();
-   quantumViolation500_ = 0;
-   quantumViolation200_ = 0;
-   lastSchedulingLatency_ = TaskDuration(0);
-   schedulingLatencyHighWaterMark_ = TaskDuration(0);
+   return TaskStat(taskName(), TaskKey(this), taskPriority(), counters_, taskStatus());
 }
 
 void TaskImpl::resetStats() {
-   clearStatsFields();
+   counters_ = TaskStat::RunCounters();
    handleResetStats();
 }
 
 TaskDuration TaskImpl::doUpdateSchedulingLatency(const TaskTimePoint& now) {
-   lastSchedulingLatency_ = now - scheduledAt_;
-   if (lastSchedulingLatency_ > schedulingLatencyHighWaterMark_) {
-      schedulingLatencyHighWaterMark_ = lastSchedulingLatency_;
+   counters_.lastSchedulingLatency = now - scheduledAt_;
+   if (counters_.lastSchedulingLatency > counters_.schedulingLatencyHighWaterMark) {
+      counters_.schedulingLatencyHighWaterMark = counters_.lastSchedulingLatency;
    }
-   return lastSchedulingLatency_;
+   return counters_.lastSchedulingLatency;
 }
 
 // ---------------------------------------------------------------------------------
@@ -322,7 +305,7 @@ void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
    if (yieldMode_ == YieldMode::virtualTime) {
       UnimplementedException::throwException("No support for virtual timestamps");
    }
-   ++runCount_;
+   ++counters_.runCount;
    currentlyRunning_ = true;
    // The run may destroy the task (its destructor marks the magic number), so the
    // check reads through a pointer taken before the run and comes before any other
@@ -352,17 +335,17 @@ void TaskImpl::accountRun(TaskDuration elapsed) {
                   "Ran " << this << " used " << DisplayDuration(elapsed) << " "
                          << elapsed.count() * 100 / quantum_.count() << "% violation");
       if (elapsed < 5 * quantum_) {
-         ++quantumViolation200_;
+         ++counters_.quantumViolation200;
       } else {
-         ++quantumViolation500_;
+         ++counters_.quantumViolation500;
       }
    } else {
       KORVO_TRACE(taskSchedulerDebug, 7, "Ran " << this << " used " << DisplayDuration(elapsed));
    }
-   if (elapsed > runTimeHighWaterMark_) {
-      runTimeHighWaterMark_ = elapsed;
+   if (elapsed > counters_.runTimeHighWaterMark) {
+      counters_.runTimeHighWaterMark = elapsed;
    }
-   totalRunTime_ += elapsed;
+   counters_.totalRunTime += elapsed;
 }
 
 void TaskImpl::taskRunFromTest() {

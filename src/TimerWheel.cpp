@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "TimerWheelCpp"
 #include "Korvo/TimerWheel.h"
 
+#include "DebugComponent.h"
 #include "Korvo/Allocator.h"
 #include "Korvo/Debug.h"
 #include "Korvo/Exception.h"
@@ -18,38 +19,10 @@ constexpr uint32_t inTimerWheelFlag = 8;
 constexpr uint32_t inTimersExpiryingSoonFlag = 16;
 constexpr uint32_t stateFlags = notLinkedFlag | inTimerWheelFlag | inTimersExpiryingSoonFlag;
 
-// Made at load, never destroyed: wheels of exiting threads still trace. Trace
-// sites read the pointer; the call is only for a wheel used before the library
-// finished loading.
-Platform::DebugHandler* wheelDebugHandler = nullptr;
+KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
 
-[[gnu::noinline, gnu::cold]] Platform::DebugHandler& makeWheelDebug() {
-   static auto* const handler =
-       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoTimerWheel"));
-   wheelDebugHandler = handler->get();
-   return **handler;
-}
-[[maybe_unused]] const bool debugMadeAtLoad = (makeWheelDebug(), true);
-
-inline Platform::DebugHandler& debug() {
-   Platform::DebugHandler* handler = wheelDebugHandler;
-   return __builtin_expect(handler != nullptr, 1) ? *handler : makeWheelDebug();
-}
-
-// Traces and assertion texts are built in out-of-line cold lambdas, so that the
-// timer paths that test them keep a small frame and no call when all is well.
-#define WHEEL_TRACE(level, method, msg)                                             \
-   do {                                                                             \
-      if (__builtin_expect(debug().enabled(level), 0)) {                            \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) { \
-            Platform::DebugStream stream;                                           \
-            stream << "TimerWheel::" method ":" << line << " " << msg;              \
-            debug().dump(stream, (level), __FILE__, line, func);                    \
-         }                                                                          \
-         ();                                                                        \
-      }                                                                             \
-   } while (0)
-
+// Assertion texts are built in an out-of-line cold lambda, so that the timer paths
+// that test them keep a small frame and no call when all is well.
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
@@ -221,7 +194,8 @@ TimerWheel::~TimerWheel() {
 void TimerWheel::setCurrentTime() {
    const double now = Korvo::time();
    const timeout_t tick = currentTick(now);
-   WHEEL_TRACE(8, "setCurrentTime", "advance time to " << now << " tick " << tick);
+   KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::setCurrentTime",
+                    "advance time to " << now << " tick " << tick);
    timeouts_update(wheel_, tick);
 }
 
@@ -263,9 +237,9 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
    }
    event->expirationTime_ = expiry;
    const timeout_t tick = expiryTick(expiry);
-   WHEEL_TRACE(9, "timerStart",
-               "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
-                        << " expire at " << expiry << " tick " << tick);
+   KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStart",
+                    "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
+                             << " expire at " << expiry << " tick " << tick);
    timeouts_add(wheel_, &event->record_, tick);
    // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
    event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
@@ -276,16 +250,19 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
 
 void TimerWheel::timerStop(TimerWheelEvent* event) {
    if (!event->running()) {
-      WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout, not running");
+      KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStop",
+                       "timer " << DisplayPointer(event) << " del timeout, not running");
       return;
    }
-   WHEEL_TRACE(9, "timerStop", "timer " << DisplayPointer(event) << " del timeout");
+   KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStop",
+                    "timer " << DisplayPointer(event) << " del timeout");
    unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {
-   WHEEL_TRACE(9, "timerExpired", "timer " << DisplayPointer(event) << " expired");
+   KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerExpired",
+                    "timer " << DisplayPointer(event) << " expired");
    event->expirationTime_ = TimerWheelEvent::infinity();
    event->timeout();
 }
@@ -305,8 +282,8 @@ void TimerWheel::runDueExpiringSoon(double now) {
    while (!timersExpiringSoon_.empty()) {
       const auto first = timersExpiringSoon_.begin();
       if (first->first > now) {
-         WHEEL_TRACE(
-             9, "timeout",
+         KORVO_SITE_TRACE(
+             wheelDebug, 9, "TimerWheel::timeout",
              "Defer processing timers with expiry time " << first->first << " > now " << now);
          return;
       }
@@ -319,7 +296,7 @@ void TimerWheel::runDueExpiringSoon(double now) {
 }
 
 void TimerWheel::timeout() {
-   WHEEL_TRACE(8, "timeout", "master timer expired");
+   KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::timeout", "master timer expired");
    const double now = Korvo::time();
    timeouts_update(wheel_, currentTick(now));
    moveExpiredToExpiringSoon();
@@ -370,7 +347,8 @@ void TimerWheel::setMasterTimer() {
    const double first = timersExpiringSoon_.empty() ? TimerWheelEvent::infinity()
                                                     : timersExpiringSoon_.begin()->first;
    if (timeouts_expired(wheel_)) {
-      WHEEL_TRACE(8, "setMasterTimer", "has expired timers, set master timer timeout 0");
+      KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::setMasterTimer",
+                       "has expired timers, set master timer timeout 0");
       masterTimer_->setTimeout(0.0);
       masterExpiry_ = 0.0;
       return;
@@ -381,26 +359,27 @@ void TimerWheel::setMasterTimer() {
        pending ? static_cast<double>(ticks) / ticksPerSecond : TimerWheelEvent::infinity();
    if (first != TimerWheelEvent::infinity() && first <= now + delay) {
       if (now >= first) {
-         WHEEL_TRACE(
-             8, "setMasterTimer",
+         KORVO_SITE_TRACE(
+             wheelDebug, 8, "TimerWheel::setMasterTimer",
              "has expired timers, firstExpiryTime=" << first << ", set master timer timeout 0");
          masterTimer_->setTimeout(0.0);
       } else {
-         WHEEL_TRACE(8, "setMasterTimer",
-                     "has scheduled timers, firstExpiryTime=" << first << " now=" << now
-                                                              << ", set master timer timeout "
-                                                              << first - now);
+         KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::setMasterTimer",
+                          "has scheduled timers, firstExpiryTime=" << first << " now=" << now
+                                                                   << ", set master timer timeout "
+                                                                   << first - now);
          masterTimer_->setTimeout(first - now);
       }
       masterExpiry_ = first;
    } else if (pending) {
-      WHEEL_TRACE(8, "setMasterTimer",
-                  "has scheduled timers, first timer expiry in "
-                      << ticks << " ticks, set master timer timeout " << delay);
+      KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::setMasterTimer",
+                       "has scheduled timers, first timer expiry in "
+                           << ticks << " ticks, set master timer timeout " << delay);
       masterTimer_->setTimeout(delay);
       masterExpiry_ = now + delay;
    } else {
-      WHEEL_TRACE(8, "setMasterTimer", "has no timers, del master timer timeout");
+      KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::setMasterTimer",
+                       "has no timers, del master timer timeout");
       masterTimer_->delTimeout();
       masterExpiry_ = TimerWheelEvent::infinity();
    }

@@ -15,14 +15,7 @@
 namespace Korvo::Util {
 
 namespace Impl {
-
-Platform::DebugHandler& utilHandler() {
-   // Never destroyed: utilities may run from exit-time code.
-   static auto* handler =
-       new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KorvoUtil"));
-   return **handler;
-}
-
+KORVO_COMPONENT_DEBUG(utilHandler, "KorvoUtil");
 }  // namespace Impl
 
 using Impl::errorText;

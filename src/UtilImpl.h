@@ -3,22 +3,19 @@
 
 // Helpers shared by the utility sources; not installed.
 
+#include "DebugComponent.h"
+
 #include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstring>
 #include <string>
 
-namespace Korvo {
-namespace Platform {
-class DebugHandler;
-}
+namespace Korvo::Util::Impl {
 
-namespace Util::Impl {
-
-// The library's own utilities handler, "KorvoUtil"; made on first use and kept
-// for the life of the process (so it can still trace from exit-time code).
-Platform::DebugHandler& utilHandler();
+// The library's own utilities handler, "KorvoUtil" (utilities may run from exit-time
+// code).
+extern Korvo::Impl::ComponentDebug utilHandler;
 
 inline const char* errorText(int err) {
    return std::strerror(err);
@@ -37,7 +34,6 @@ private:
    mode_t old_;
 };
 
-}  // namespace Util::Impl
-}  // namespace Korvo
+}  // namespace Korvo::Util::Impl
 
 #endif

@@ -136,12 +136,13 @@ TEST_F(FileLockTest, DestroyingAHeldLockReleasesIt) {
 }
 
 TEST_F(FileLockTest, MisuseGoesThroughTheAssertionPath) {
-   const std::string slash = KorvoTest::assertText([&] { FileLock bad(h_, dir_.path(), "a/b"); });
+   const std::string slash =
+       KorvoTest::assertionText([&] { FileLock bad(h_, dir_.path(), "a/b"); });
    EXPECT_NE(slash.find("Korvo::FileLock::FileLock() unexpected '/' in filename: a/b"),
              std::string::npos)
        << slash;
    FileLock idle(h_, dir_.path(), "idle.lock");
-   EXPECT_NE(KorvoTest::assertText([&] { idle.release(); })
+   EXPECT_NE(KorvoTest::assertionText([&] { idle.release(); })
                  .find("FileLock::release() attempting to release a lock that is not currently "
                        "held. File:" +
                        idle.file()),
@@ -149,7 +150,7 @@ TEST_F(FileLockTest, MisuseGoesThroughTheAssertionPath) {
 
    Util::fileWrite(h_, dir_ / "plain", "not a directory");
    FileLock underFile(h_, dir_ / "plain/sub", "x.lock");
-   EXPECT_NE(KorvoTest::assertText([&] { underFile.lock(); })
+   EXPECT_NE(KorvoTest::assertionText([&] { underFile.lock(); })
                  .find("FileLock::lock() unexpected mkpath() error " + (dir_ / "plain/sub") +
                        ": Not a directory"),
              std::string::npos);
@@ -183,7 +184,7 @@ TEST_F(FileLockTest, AForkedChildMayCloseButNotRelease) {
       if (Util::readLockPid(h_, lock.file()) != parent) {
          return 1;  // parent and child share the lock; the lower pid is reported
       }
-      const std::string text = KorvoTest::assertText([&] { lock.release(); });
+      const std::string text = KorvoTest::assertionText([&] { lock.release(); });
       const std::string expected =
           "FileLock::release() called from child process:" + std::to_string(::getpid()) +
           " of owner pid:" + std::to_string(parent);

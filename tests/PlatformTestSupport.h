@@ -7,6 +7,8 @@
 #include <Korvo/Exception.h>
 #include <Korvo/Platform.h>
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,28 +23,6 @@ inline double clockStep() {
    timespec res{};
    clock_getres(CLOCK_MONOTONIC_COARSE, &res);
    return static_cast<double>(res.tv_sec) + static_cast<double>(res.tv_nsec) / 1e9;
-}
-
-// Assertions throw AssertException while one of these lives.
-class ThrowOnAssert {
-public:
-   ThrowOnAssert() : before_(Korvo::throwOnAssertFail()) { Korvo::throwOnAssertFailIs(true); }
-   ~ThrowOnAssert() { Korvo::throwOnAssertFailIs(before_); }
-
-private:
-   bool before_;
-};
-
-// The text of the assertion `call` raises, or "" when it raises none.
-template <typename Call>
-std::string assertionText(Call&& call) {
-   ThrowOnAssert throwing;
-   try {
-      call();
-   } catch (const Korvo::AssertException& e) {
-      return e.message();
-   }
-   return std::string();
 }
 
 // Collects what is traced on "KorvoLibevent" at `levels` while it lives, one line

@@ -76,7 +76,7 @@ TEST(PluginTest, ARegisteredNameNeedsNoFile) {
    }
    EXPECT_EQ(loadPlugin("KorvoInProcessPlugin"), &inProcess)
        << "there is no libKorvoInProcessPlugin.so, so no file was opened";
-   const std::string twice = KorvoTest::assertText([] { registerPlugin(&inProcess); });
+   const std::string twice = KorvoTest::assertionText([] { registerPlugin(&inProcess); });
    EXPECT_NE(twice.find("Korvo::Platform::registerPlugin() Plugin KorvoInProcessPlugin already "
                         "registered"),
              std::string::npos)
@@ -106,7 +106,7 @@ TEST(PluginTest, AMissingPluginIsNullAndTriedAgainLater) {
 }
 
 TEST(PluginTest, APluginThatDoesNotRegisterIsAnAssertionFailure) {
-   const std::string text = KorvoTest::assertText([] { loadPlugin("KorvoSilentPlugin"); });
+   const std::string text = KorvoTest::assertionText([] { loadPlugin("KorvoSilentPlugin"); });
    EXPECT_NE(text.find("Korvo::Platform::loadPlugin() Phooey -- plugin KorvoSilentPlugin failed to "
                        "register"),
              std::string::npos)

@@ -203,25 +203,26 @@ TEST_F(ProcTest, StartTimeFromStatCountsFieldsFromTheLastParenthesis) {
        << "the start time may be the last field";
 
    const std::string noParen =
-       KorvoTest::assertText([] { Util::startTimeFromStat("42 x S 1", "f"); });
+       KorvoTest::assertionText([] { Util::startTimeFromStat("42 x S 1", "f"); });
    EXPECT_NE(noParen.find("Util::readProcStartTime() input not long enough to contain start time. "
                           "file: f line: \"42 x S 1\""),
              std::string::npos)
        << noParen;
-   EXPECT_NE(KorvoTest::assertText([] {
+   EXPECT_NE(KorvoTest::assertionText([] {
                 Util::startTimeFromStat("42 (x) ", "f");
              }).find("input not long enough"),
              std::string::npos)
        << "one character after the name is too short";
 
    const std::string shortLine = "42 (x) S 1 2 3";
-   const std::string few = KorvoTest::assertText([&] { Util::startTimeFromStat(shortLine, "f"); });
+   const std::string few =
+       KorvoTest::assertionText([&] { Util::startTimeFromStat(shortLine, "f"); });
    EXPECT_NE(few.find("Util::readProcStartTime() Failed to parse start time from file: f line: \"" +
                       shortLine + "\" procStartTime.size():14 tokPos:4 startTimeFieldPos:19"),
              std::string::npos)
        << few;
    const std::string doubled = "42 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18  20";
-   EXPECT_NE(KorvoTest::assertText([&] {
+   EXPECT_NE(KorvoTest::assertionText([&] {
                 Util::startTimeFromStat(doubled, "f");
              }).find("tokPos:20 startTimeFieldPos:19"),
              std::string::npos)

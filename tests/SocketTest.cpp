@@ -181,16 +181,16 @@ TEST_F(SocketTest, SendBufferSizing) {
    ::getsockopt(sd, SOL_SOCKET, SO_SNDBUF, &size, &length);
    EXPECT_GE(size, 65536);
 
-   EXPECT_NE(KorvoTest::assertText([] {
+   EXPECT_NE(KorvoTest::assertionText([] {
                 Util::setSocketSendBufferSize(-1, 1024);
              }).find("Util::setSocketSendBufferSize() invalid sd: -1"),
              std::string::npos);
-   EXPECT_NE(KorvoTest::assertText([&] {
+   EXPECT_NE(KorvoTest::assertionText([&] {
                 Util::setSocketSendBufferSize(sd, 0);
              }).find("Util::setSocketSendBufferSize() invalid size: 0"),
              std::string::npos);
    const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-   EXPECT_NE(KorvoTest::assertText([&] { Util::setSocketSendBufferSize(file, 1024); })
+   EXPECT_NE(KorvoTest::assertionText([&] { Util::setSocketSendBufferSize(file, 1024); })
                  .find("Util::setSocketSendBufferSize() unable to set socket " +
                        std::to_string(file) + " buffer size to 1024 bytes: "),
              std::string::npos);

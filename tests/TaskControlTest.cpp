@@ -13,9 +13,7 @@
 
 #include <cmath>
 #include <csignal>
-#include <memory>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 namespace {
@@ -31,10 +29,7 @@ void pump(int passes = 20) {
 
 struct SocketPair {
    SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-   ~SocketPair() {
-      ::close(fds[0]);
-      ::close(fds[1]);
-   }
+   ~SocketPair() { ::close(fds[0]), ::close(fds[1]); }
    int fds[2] = {-1, -1};
 };
 
@@ -82,9 +77,7 @@ public:
    }
    std::shared_ptr<P::FdControl> control;
    std::string out;
-   int reads = 0;
-   int writes = 0;
-   int writeRequests = 0;
+   int reads = 0, writes = 0, writeRequests = 0;
 };
 
 TEST_P(ControlTest, EchoOverASocketpair) {
@@ -92,10 +85,7 @@ TEST_P(ControlTest, EchoOverASocketpair) {
    Echo echo;
    echo.control = fd(&echo);
    echo.control->setFd(pair.fds[0]);  // read interest is on from the start
-   std::string sent;
-   for (int i = 0; i < 1000; ++i) {
-      sent += static_cast<char>('a' + i % 26);
-   }
+   std::string sent(1000, 'x');
    ASSERT_EQ(::write(pair.fds[1], sent.data(), sent.size()), 1000);
    std::string back;
    for (int pass = 0; pass < 5000 && back.size() < sent.size(); ++pass) {
@@ -186,8 +176,7 @@ struct Counter : P::TimeoutHandler, P::CallbackHandler {
          self.reset();
       }
    }
-   int timeouts = 0;
-   int callbacks = 0;
+   int timeouts = 0, callbacks = 0;
    bool releaseOnCall = false;
    std::shared_ptr<P::CallbackControl> self;
 };

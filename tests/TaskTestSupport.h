@@ -5,29 +5,30 @@
 // driven by the test instead of the event loop, and tasks whose work is a lambda.
 
 #include <Korvo/Allocator.h>
-#include <Korvo/Exception.h>
 #include <Korvo/TaskScheduler.h>
 
-#include <gtest/gtest.h>
+#include "PlatformTestSupport.h"
+
+#include <gmock/gmock.h>
 
 #include <functional>
-#include <memory>
-#include <string>
 
 namespace KorvoTest {
 
 using namespace std::chrono_literals;
+using Korvo::TaskPriority;
+using ::testing::HasSubstr;
 
-// The scheduler's clock, moved only by advance().
+// The scheduler's clock while one of these lives, moved only by advance().
 class FakeClock {
 public:
-   static Korvo::TaskTimePoint now() { return now_; }
-   static void advance(Korvo::TaskDuration d) { now_ += d; }
-   static void install() {
+   FakeClock() {
       now_ = Korvo::TaskTimePoint(std::chrono::seconds(1000));
       Korvo::taskTimeSourceIs(&FakeClock::now);
    }
-   static void uninstall() { Korvo::taskTimeSourceIs(nullptr); }
+   ~FakeClock() { Korvo::taskTimeSourceIs(nullptr); }
+   static Korvo::TaskTimePoint now() { return now_; }
+   static void advance(Korvo::TaskDuration d) { now_ += d; }
 
 private:
    static inline Korvo::TaskTimePoint now_{};
@@ -42,12 +43,9 @@ public:
       root->registerScheduler(this);
    }
    ~TestScheduler() override { rootRef_->unregisterScheduler(this); }
-
    void requestSchedulerRun() override { ++runRequests; }
    void handleTaskForceYieldInTest() override { ++forceYieldNotifications; }
-
-   int runRequests = 0;
-   int forceYieldNotifications = 0;
+   int runRequests = 0, forceYieldNotifications = 0;
 
 private:
    std::shared_ptr<Korvo::TaskSchedulerRoot> rootRef_;
@@ -57,10 +55,9 @@ private:
 class LambdaTask : public Korvo::Task {
 public:
    using Body = std::function<void(LambdaTask&)>;
-   LambdaTask(std::shared_ptr<Korvo::TaskScheduler> scheduler, Korvo::TaskPriority priority,
+   LambdaTask(std::shared_ptr<Korvo::TaskScheduler> scheduler, TaskPriority priority,
               const std::string& name, Body body = {})
        : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
-
    void taskExecute() override {
       ++runs;
       if (body_) {
@@ -70,10 +67,7 @@ public:
    void bodyIs(Body body) { body_ = std::move(body); }
    void handleTaskBusy() override { ++busyChanges; }
    void handleResetStats() override { ++resetCalls; }
-
-   int runs = 0;
-   int busyChanges = 0;
-   int resetCalls = 0;
+   int runs = 0, busyChanges = 0, resetCalls = 0;
 
 private:
    Body body_;
@@ -82,38 +76,25 @@ private:
 // Throwing assertions, a fake clock, a root of its own and a test scheduler under it.
 class SchedulerFixture : public ::testing::Test {
 protected:
-   void SetUp() override {
-      Korvo::throwOnAssertFailIs(true);
-      FakeClock::install();
-      root_ = Korvo::schedulerRootKorvoNonShared("testRoot");
-      sched_ = Korvo::makeShared<TestScheduler>("testSched", root_);
+   // A task on `on`, the test scheduler by default.
+   std::shared_ptr<LambdaTask> makeTask(TaskPriority p, const std::string& name,
+                                        LambdaTask::Body body = {},
+                                        std::shared_ptr<Korvo::TaskScheduler> on = nullptr) {
+      return Korvo::makeShared<LambdaTask>(on ? on : sched_, p, name, std::move(body));
    }
-   void TearDown() override {
-      sched_.reset();
-      root_.reset();
-      FakeClock::uninstall();
-      Korvo::throwOnAssertFailIs(false);
+   // Dispatches on `s` until nothing is queued there.
+   static void drain(Korvo::TaskScheduler& s) {
+      while (s.runnableTaskCount() != 0) {
+         s.handleSchedulerRun();
+      }
    }
+   std::string lastEvent(unsigned back = 0) { return root_->history()->event(back).display(); }
 
-   std::shared_ptr<LambdaTask> makeTask(Korvo::TaskPriority p, const std::string& name,
-                                        LambdaTask::Body body = {}) {
-      return Korvo::makeShared<LambdaTask>(sched_, p, name, std::move(body));
-   }
-
-   std::shared_ptr<Korvo::TaskSchedulerRoot> root_;
-   std::shared_ptr<TestScheduler> sched_;
+   ThrowOnAssert throwing_;
+   FakeClock clock_;
+   std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("testRoot");
+   std::shared_ptr<TestScheduler> sched_ = Korvo::makeShared<TestScheduler>("testSched", root_);
 };
-
-// The text of the assertion raised by `statement`, or "" when none was raised.
-template <typename F>
-std::string assertionText(F&& statement) {
-   try {
-      statement();
-   } catch (const Korvo::AssertException& e) {
-      return e.message();
-   }
-   return "";
-}
 
 }  // namespace KorvoTest
 

@@ -2,10 +2,13 @@
 #define KORVO_TESTS_TESTSUPPORT_H
 
 // Helpers shared by the tests: running a program in a fresh process with a
-// chosen environment (for behaviour the library reads at load), and temporary
-// directories.
+// chosen environment (for behaviour the library reads at load), temporary
+// directories, and throwing assertions with their texts.
 
+#include <Korvo/Debug.h>
+#include <Korvo/Exception.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,23 +35,61 @@ inline std::string slurp(const std::string& path) {
    return ss.str();
 }
 
-// A directory removed when the object goes.
+// A fresh directory, removed with everything in it at the end of the scope.
 class TempDir {
 public:
    TempDir() {
-      char pattern[] = "/tmp/korvo-test-XXXXXX";
-      path_ = ::mkdtemp(pattern);
+      const char* base = std::getenv("TMPDIR");
+      std::string pattern = std::string(base && *base ? base : "/tmp") + "/korvo-test-XXXXXX";
+      path_ = ::mkdtemp(pattern.data()) ? pattern : std::string();
+      EXPECT_FALSE(path_.empty()) << "mkdtemp failed";
    }
    ~TempDir() {
-      std::error_code ec;
-      std::filesystem::remove_all(path_, ec);
+      std::error_code ignored;
+      // A test may have left directories without permissions behind.
+      for (auto it = std::filesystem::recursive_directory_iterator(path_, ignored);
+           it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
+         if (it->is_directory(ignored)) {
+            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, ignored);
+         }
+      }
+      std::filesystem::remove_all(path_, ignored);
    }
+   TempDir(const TempDir&) = delete;
+   TempDir& operator=(const TempDir&) = delete;
+
    const std::string& path() const { return path_; }
    std::string file(const std::string& name) const { return path_ + "/" + name; }
+   std::string operator/(const std::string& name) const { return file(name); }
 
 private:
    std::string path_;
 };
+
+// Makes assertion failures throw AssertException for the life of the object.
+class ThrowOnAssert {
+public:
+   ThrowOnAssert() : previous_(Korvo::throwOnAssertFail()) { Korvo::throwOnAssertFailIs(true); }
+   ~ThrowOnAssert() { Korvo::throwOnAssertFailIs(previous_); }
+   ThrowOnAssert(const ThrowOnAssert&) = delete;
+   ThrowOnAssert& operator=(const ThrowOnAssert&) = delete;
+
+private:
+   bool previous_;
+};
+
+// The text of the assertion that `call` raises, or "" when it raises none.
+template <typename Call>
+std::string assertionText(Call&& call) {
+   ThrowOnAssert throwing;
+   try {
+      call();
+   } catch (const Korvo::AssertException& e) {
+      return e.message();
+   }
+   return std::string();
+}
 
 // Runs `program` with `args` and exactly the environment `env` ("NAME=value"),
 // capturing its standard output and error.

@@ -88,7 +88,7 @@ TEST_F(UtilTest, TrimpathRemovesTheTrailingDirectoriesDeepestFirst) {
 
 TEST_F(UtilTest, TrimpathRejectsBadArgumentsThroughTheAssertionPath) {
    auto trim = [](const std::string& absolute, const std::string& trailing) {
-      return KorvoTest::assertText([&] { Util::trimpath(absolute, trailing); });
+      return KorvoTest::assertionText([&] { Util::trimpath(absolute, trailing); });
    };
    const std::string empty = trim("", "a");
    EXPECT_EQ(empty.rfind("UtilCpp:trimpath:", 0), 0u) << empty;

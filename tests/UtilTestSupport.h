@@ -7,6 +7,8 @@
 #include <Korvo/Debug.h>
 #include <Korvo/Exception.h>
 
+#include "TestSupport.h"
+
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -94,37 +96,6 @@ inline std::string uniqueName(const std::string& prefix) {
           std::to_string(serial++);
 }
 
-// A fresh directory, removed with everything in it at the end of the scope.
-class TempDir {
-public:
-   TempDir() {
-      const char* base = std::getenv("TMPDIR");
-      std::string pattern = std::string(base && *base ? base : "/tmp") + "/korvo-util-XXXXXX";
-      path_ = ::mkdtemp(pattern.data()) ? pattern : std::string();
-      EXPECT_FALSE(path_.empty()) << "mkdtemp failed";
-   }
-   ~TempDir() {
-      std::error_code ignored;
-      // A test may have left directories without permissions behind.
-      for (auto it = std::filesystem::recursive_directory_iterator(path_, ignored);
-           it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-         if (it->is_directory(ignored)) {
-            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, ignored);
-         }
-      }
-      std::filesystem::remove_all(path_, ignored);
-   }
-   TempDir(const TempDir&) = delete;
-   TempDir& operator=(const TempDir&) = delete;
-
-   const std::string& path() const { return path_; }
-   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-   std::string path_;
-};
-
 // Runs `body` in a forked child and gives back its exit code; a child killed by
 // a signal gives 128 + the signal. An exception escaping `body` gives 99.
 inline int runInChild(const std::function<int()>& body) {
@@ -156,28 +127,6 @@ inline int runUnprivileged(const std::function<int()>& body) {
       }
       return body();
    });
-}
-
-// Makes assertion failures throw for the life of the object.
-class ThrowOnAssert {
-public:
-   ThrowOnAssert() : previous_(Korvo::throwOnAssertFail()) { Korvo::throwOnAssertFailIs(true); }
-   ~ThrowOnAssert() { Korvo::throwOnAssertFailIs(previous_); }
-
-private:
-   bool previous_;
-};
-
-// The text of the AssertException that `f` raises; "" when it raises none.
-template <typename F>
-std::string assertText(F&& f) {
-   ThrowOnAssert throwing;
-   try {
-      f();
-   } catch (const Korvo::AssertException& e) {
-      return e.message();
-   }
-   return std::string();
 }
 
 inline bool isDirectory(const std::string& path) {

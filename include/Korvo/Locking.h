@@ -13,43 +13,46 @@
 namespace Korvo {
 namespace Locking {
 
-class KORVO_EXPORT Lock {
+namespace Impl {
+// What both lock classes are: a system mutex of one kind and the thread that holds
+// it (0 when nobody does), recorded after taking the mutex and cleared before
+// releasing it.
+class KORVO_EXPORT OwnedMutex {
 public:
-   Lock();
-   ~Lock();
-   Lock(const Lock&) = delete;
-   Lock& operator=(const Lock&) = delete;
+   OwnedMutex(const OwnedMutex&) = delete;
+   OwnedMutex& operator=(const OwnedMutex&) = delete;
 
    // Throws std::system_error when the mutex call fails.
    void lock();
    bool try_lock();
-   // Asserts that the calling thread holds the lock.
-   void unlock();
    bool owns_lock() const;
 
-private:
+protected:
+   explicit OwnedMutex(int kind);
+   ~OwnedMutex();
+   pthread_t owner() const;
+   // Releases the mutex, clearing the owner first when asked.
+   void release(bool clearOwner);
+
    pthread_mutex_t mutex_;
    pthread_t owner_;
 };
+}  // namespace Impl
 
-class KORVO_EXPORT RecursiveLock {
+class KORVO_EXPORT Lock : public Impl::OwnedMutex {
+public:
+   Lock();
+   // Asserts that the calling thread holds the lock.
+   void unlock();
+};
+
+class KORVO_EXPORT RecursiveLock : public Impl::OwnedMutex {
 public:
    RecursiveLock();
-   ~RecursiveLock();
-   RecursiveLock(const RecursiveLock&) = delete;
-   RecursiveLock& operator=(const RecursiveLock&) = delete;
-
-   void lock();
-   bool try_lock();
    // Releases one level; the owner is cleared when the outermost level goes.
    void unlock();
-   bool owns_lock() const;
    // The mutex's own recursion count (the class keeps no counter of its own).
    unsigned lockCount() const;
-
-private:
-   pthread_mutex_t mutex_;
-   pthread_t owner_;
 };
 
 // Locks on construction; unlocks on destruction unless releaseIs(false) handed

@@ -170,22 +170,22 @@ public:
 
    // Statistics.
    TaskStat getStats() const;
-   uint32_t taskRunCount() const { return runCount_; }
+   uint32_t taskRunCount() const { return counters_.runCount; }
    TaskTimePoint taskScheduledAt() const { return scheduledAt_; }
    TaskTimePoint taskRunStart() const { return runStart_; }
-   TaskDuration taskTotalRunTime() const { return totalRunTime_; }
-   TaskDuration taskRunTimeHighWaterMark() const { return runTimeHighWaterMark_; }
-   TaskDuration taskLastSchedulingLatency() const { return lastSchedulingLatency_; }
+   TaskDuration taskTotalRunTime() const { return counters_.totalRunTime; }
+   TaskDuration taskRunTimeHighWaterMark() const { return counters_.runTimeHighWaterMark; }
+   TaskDuration taskLastSchedulingLatency() const { return counters_.lastSchedulingLatency; }
    TaskDuration taskSchedulingLatencyHighWaterMark() const {
-      return schedulingLatencyHighWaterMark_;
+      return counters_.schedulingLatencyHighWaterMark;
    }
-   uint64_t taskWorkCountTotal() const { return workCountTotal_; }
-   float taskWorkCountDecayAverage() const { return workCountDecayAverage_; }
-   TaskMaybeU32 taskWorkCountHighWaterMark() const { return workCountHighWaterMark_; }
-   uint32_t taskWorkPending() const { return workPending_; }
-   TaskMaybeU32 taskWorkPendingHighWaterMark() const { return workPendingHighWaterMark_; }
-   uint32_t taskQuantumViolation200() const { return quantumViolation200_; }
-   uint32_t taskQuantumViolation500() const { return quantumViolation500_; }
+   uint64_t taskWorkCountTotal() const { return counters_.workCountTotal; }
+   float taskWorkCountDecayAverage() const { return counters_.workCountDecayAverage; }
+   TaskMaybeU32 taskWorkCountHighWaterMark() const { return counters_.workCountHighWaterMark; }
+   uint32_t taskWorkPending() const { return counters_.workPending; }
+   TaskMaybeU32 taskWorkPendingHighWaterMark() const { return counters_.workPendingHighWaterMark; }
+   uint32_t taskQuantumViolation200() const { return counters_.quantumViolation200; }
+   uint32_t taskQuantumViolation500() const { return counters_.quantumViolation500; }
    // Zeroes the statistics and calls handleResetStats().
    void resetStats();
 
@@ -228,7 +228,6 @@ private:
 
    void handleInitialized();
    void accountRun(TaskDuration elapsed);
-   void clearStatsFields();
    [[noreturn]] static void failMagic(const void* task, uint32_t magic);
 
    uint8_t testYieldRatio_ = 0;
@@ -241,18 +240,7 @@ private:
    TaskDuration quantum_{0};
    TaskTimePoint scheduledAt_;
    TaskTimePoint runStart_;
-   TaskDuration lastSchedulingLatency_{0};
-   TaskDuration schedulingLatencyHighWaterMark_{0};
-   TaskDuration totalRunTime_{0};
-   TaskDuration runTimeHighWaterMark_{0};
-   uint64_t workCountTotal_ = 0;
-   float workCountDecayAverage_ = 0.0f;
-   TaskMaybeU32 workCountHighWaterMark_;
-   uint32_t workPending_ = 0;
-   TaskMaybeU32 workPendingHighWaterMark_;
-   uint32_t quantumViolation500_ = 0;
-   uint32_t quantumViolation200_ = 0;
-   uint32_t runCount_ = 0;
+   TaskStat::RunCounters counters_;
    uint32_t magic_ = 0;
 
 public:

@@ -149,13 +149,13 @@ public:
    // Links a new task into the registered list (called by the task's constructor).
    virtual void taskRegister(TaskImpl* task);
    virtual ~TaskScheduler();
-
    // One dispatch: runs at most one task and, after a task ran, requests the next
    // run. While the root is suspended it runs nothing. An exception from the task's
    // taskExecute() passes out of here (and out of doEventLoop()) with the task off
    // its queue; no further run is requested, so a caller that carries on calls
-   // requestSchedulerRun() to resume the queued work.
-   void handleSchedulerRun();
+   // requestSchedulerRun() to resume the queued work. Virtual, so that the root's
+   // version runs whatever the static type of the pointer it is called through.
+   virtual void handleSchedulerRun();
    // Picks and unlinks the next task from priority `from` down, or null.
    TaskImpl* pickOneTask(const TaskTimePoint& now, TaskPriority from);
    // The anti-starvation rule: whether a task below `priority` goes first after
@@ -311,7 +311,7 @@ public:
    ~TaskSchedulerRoot() override;
 
    // The event loop's entry: switches virtual time off, then runs one dispatch.
-   void handleSchedulerRun();
+   void handleSchedulerRun() override;
 
    void registerScheduler(TaskScheduler* scheduler);
    void unregisterScheduler(TaskScheduler* scheduler);

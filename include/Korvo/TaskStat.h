@@ -150,6 +150,27 @@ public:
       unsigned char bits_ = 0;
    };
 
+   // What a task counts about its runs and its work. A live task keeps one block and
+   // updates it on every run; its record carries a copy.
+   struct RunCounters {
+      uint32_t runCount = 0;
+      TaskDuration totalRunTime{0};
+      uint64_t workCountTotal = 0;
+      float workCountDecayAverage = 0.0f;
+      TaskMaybeU32 workCountHighWaterMark;
+      uint32_t workPending = 0;
+      TaskMaybeU32 workPendingHighWaterMark;
+      uint32_t quantumViolation500 = 0;
+      uint32_t quantumViolation200 = 0;
+      TaskDuration runTimeHighWaterMark{0};
+      TaskDuration lastSchedulingLatency{0};
+      TaskDuration schedulingLatencyHighWaterMark{0};
+
+      // Counts and totals add up, high-water marks and the last latency take the
+      // larger value.
+      RunCounters& operator+=(const RunCounters& other);
+   };
+
    // Counts and durations zero, no name, null key, priority absolute; the two
    // TaskMaybeU32 marks hold nothing, as for a task that never ran.
    TaskStat() = default;
@@ -160,35 +181,42 @@ public:
             uint32_t quantumViolation200, TaskDuration runTimeHighWaterMark,
             TaskDuration lastSchedulingLatency, TaskDuration schedulingLatencyHighWaterMark,
             TaskStatus status);
+   TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, const RunCounters& counters,
+            TaskStatus status)
+       : name_(std::move(name)),
+         key_(key),
+         priority_(priority),
+         counters_(counters),
+         status_(status) {}
 
    const ConstStringRef& taskName() const { return name_; }
    void taskNameIs(const ConstStringRef& name) { name_ = name; }
    TaskKey taskKey() const { return key_; }
    TaskPriority taskPriority() const { return priority_; }
 
-   uint32_t taskRunCount() const { return runCount_; }
-   void taskRunInc(unsigned n) { runCount_ += n; }
-   TaskDuration taskTotalRunTime() const { return totalRunTime_; }
-   void taskTotalRunTimeInc(TaskDuration d) { totalRunTime_ += d; }
-   uint64_t taskWorkCountTotal() const { return workCountTotal_; }
-   void taskWorkCountTotalInc(unsigned long n) { workCountTotal_ += n; }
-   float taskWorkCountDecayAverage() const { return workCountDecayAverage_; }
-   TaskMaybeU32 taskWorkCountHighWaterMark() const { return workCountHighWaterMark_; }
-   uint32_t taskWorkPending() const { return workPending_; }
-   TaskMaybeU32 taskWorkPendingHighWaterMark() const { return workPendingHighWaterMark_; }
-   uint32_t taskQuantumViolation500() const { return quantumViolation500_; }
-   void taskQuantumViolation500Inc(unsigned n) { quantumViolation500_ += n; }
-   uint32_t taskQuantumViolation200() const { return quantumViolation200_; }
-   void taskQuantumViolation200Inc(unsigned n) { quantumViolation200_ += n; }
-   TaskDuration taskRunTimeHighWaterMark() const { return runTimeHighWaterMark_; }
-   void taskRunTimeHighWaterMarkIs(TaskDuration d) { runTimeHighWaterMark_ = d; }
-   TaskDuration taskLastSchedulingLatency() const { return lastSchedulingLatency_; }
-   void taskLastSchedulingLatencyIs(TaskDuration d) { lastSchedulingLatency_ = d; }
+   uint32_t taskRunCount() const { return counters_.runCount; }
+   void taskRunInc(unsigned n) { counters_.runCount += n; }
+   TaskDuration taskTotalRunTime() const { return counters_.totalRunTime; }
+   void taskTotalRunTimeInc(TaskDuration d) { counters_.totalRunTime += d; }
+   uint64_t taskWorkCountTotal() const { return counters_.workCountTotal; }
+   void taskWorkCountTotalInc(unsigned long n) { counters_.workCountTotal += n; }
+   float taskWorkCountDecayAverage() const { return counters_.workCountDecayAverage; }
+   TaskMaybeU32 taskWorkCountHighWaterMark() const { return counters_.workCountHighWaterMark; }
+   uint32_t taskWorkPending() const { return counters_.workPending; }
+   TaskMaybeU32 taskWorkPendingHighWaterMark() const { return counters_.workPendingHighWaterMark; }
+   uint32_t taskQuantumViolation500() const { return counters_.quantumViolation500; }
+   void taskQuantumViolation500Inc(unsigned n) { counters_.quantumViolation500 += n; }
+   uint32_t taskQuantumViolation200() const { return counters_.quantumViolation200; }
+   void taskQuantumViolation200Inc(unsigned n) { counters_.quantumViolation200 += n; }
+   TaskDuration taskRunTimeHighWaterMark() const { return counters_.runTimeHighWaterMark; }
+   void taskRunTimeHighWaterMarkIs(TaskDuration d) { counters_.runTimeHighWaterMark = d; }
+   TaskDuration taskLastSchedulingLatency() const { return counters_.lastSchedulingLatency; }
+   void taskLastSchedulingLatencyIs(TaskDuration d) { counters_.lastSchedulingLatency = d; }
    TaskDuration taskSchedulingLatencyHighWaterMark() const {
-      return schedulingLatencyHighWaterMark_;
+      return counters_.schedulingLatencyHighWaterMark;
    }
    void taskSchedulingLatencyHighWaterMarkIs(TaskDuration d) {
-      schedulingLatencyHighWaterMark_ = d;
+      counters_.schedulingLatencyHighWaterMark = d;
    }
    uint32_t taskDeadCount() const { return deadCount_; }
    void taskDeadCountInc(unsigned n) { deadCount_ += n; }
@@ -205,22 +233,13 @@ public:
    // the last latency take the larger value. Name, key, priority and status stay.
    TaskStat& operator+=(const TaskStat& other);
 
+   const RunCounters& counters() const { return counters_; }
+
 private:
    ConstStringRef name_;
    TaskKey key_;
    TaskPriority priority_;
-   uint32_t runCount_ = 0;
-   TaskDuration totalRunTime_{0};
-   uint64_t workCountTotal_ = 0;
-   float workCountDecayAverage_ = 0.0f;
-   TaskMaybeU32 workCountHighWaterMark_;
-   uint32_t workPending_ = 0;
-   TaskMaybeU32 workPendingHighWaterMark_;
-   uint32_t quantumViolation500_ = 0;
-   uint32_t quantumViolation200_ = 0;
-   TaskDuration runTimeHighWaterMark_{0};
-   TaskDuration lastSchedulingLatency_{0};
-   TaskDuration schedulingLatencyHighWaterMark_{0};
+   RunCounters counters_;
    uint32_t deadCount_ = 0;
    TaskStatus status_;
 };
