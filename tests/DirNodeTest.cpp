@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <set>
 
+#include "TestPeer.h"
 #include "UtilTestSupport.h"
 
 namespace {
@@ -134,7 +135,7 @@ TEST_F(DirNodeTest, ACopySharesTheStreamWhichClosesOnceWhicheverGoesLast) {
       auto original = std::make_unique<DirNode>(h_, dir_.path(), nullptr);
       auto copy = std::make_unique<DirNode>(*original);
       EXPECT_EQ(KorvoTest::openFdCount(), fdsBefore + 1) << "a handle, not a second open";
-      EXPECT_EQ(original->streamUseCount(), 2);
+      EXPECT_EQ(Korvo::TestPeer::streamUseCount(*original), 2);
 
       // One read position: what one node reads, the other does not see again.
       std::multiset<std::string> seen;
@@ -149,7 +150,7 @@ TEST_F(DirNodeTest, ACopySharesTheStreamWhichClosesOnceWhicheverGoesLast) {
       (originalFirst ? original : copy).reset();
       DirNode& survivor = originalFirst ? *copy : *original;
       EXPECT_EQ(KorvoTest::openFdCount(), fdsBefore + 1) << "still open for the survivor";
-      EXPECT_EQ(survivor.streamUseCount(), 1);
+      EXPECT_EQ(Korvo::TestPeer::streamUseCount(survivor), 1);
       survivor.rewind();
       EXPECT_EQ(drain(survivor), all_);
       (originalFirst ? copy : original).reset();
@@ -165,12 +166,12 @@ TEST_F(DirNodeTest, AssignmentAndReopeningLetGoOfTheOldStream) {
       EXPECT_EQ(KorvoTest::openFdCount(), fdsBefore + 2);
       sub = top;
       EXPECT_EQ(KorvoTest::openFdCount(), fdsBefore + 1) << "sub's own stream was closed";
-      EXPECT_EQ(top.streamUseCount(), 2);
+      EXPECT_EQ(Korvo::TestPeer::streamUseCount(top), 2);
 
       sub.openDir();
       EXPECT_EQ(KorvoTest::openFdCount(), fdsBefore + 2) << "a reopen is a stream of its own";
-      EXPECT_EQ(top.streamUseCount(), 1);
-      EXPECT_EQ(sub.streamUseCount(), 1);
+      EXPECT_EQ(Korvo::TestPeer::streamUseCount(top), 1);
+      EXPECT_EQ(Korvo::TestPeer::streamUseCount(sub), 1);
       top.readEntry();
       EXPECT_EQ(drain(sub), all_) << "and its own position";
 
@@ -187,7 +188,7 @@ TEST_F(DirNodeTest, PathIsWithTheSamePathKeepsTheStream) {
    const DirNode copy(node);
    node.readEntry();
    node.pathIs(dir_.path());
-   EXPECT_EQ(node.streamUseCount(), 2) << "no reopen";
+   EXPECT_EQ(Korvo::TestPeer::streamUseCount(node), 2) << "no reopen";
    EXPECT_EQ(drain(node).size(), all_.size() - 1) << "and the position is kept";
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 namespace {

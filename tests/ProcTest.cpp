@@ -18,6 +18,7 @@
 #include <limits>
 #include <sstream>
 
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 // Found by resolveSym() through the executable's dynamic symbol table (the test

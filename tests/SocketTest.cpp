@@ -19,6 +19,8 @@
 #include <fstream>
 #include <functional>
 
+#include "NetNsPath.h"
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 namespace {

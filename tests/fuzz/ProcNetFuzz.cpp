@@ -1,9 +1,7 @@
 // /proc/net/unix socket tables and /proc/locks or fdinfo lock lines.
 
-#include <Korvo/FileLock.h>
-#include <Korvo/Util.h>
-
 #include "FuzzSupport.h"
+#include "UtilParse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    const std::string text = KorvoFuzz::text(data, size);

@@ -1,8 +1,7 @@
 // The start-time field of /proc/<pid>/stat lines.
 
-#include <Korvo/Util.h>
-
 #include "FuzzSupport.h"
+#include "UtilParse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    KorvoFuzz::throwOnAssert();

@@ -1,11 +1,10 @@
 // The process name of /proc/<pid>/status and the command line of
 // /proc/<pid>/cmdline.
 
-#include <Korvo/Util.h>
-
 #include <sstream>
 
 #include "FuzzSupport.h"
+#include "UtilParse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    const std::string raw = KorvoFuzz::text(data, size);
