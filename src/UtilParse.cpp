@@ -3,6 +3,8 @@
 #define KORVO_SOURCE_FILE "UtilCpp"
 #include "UtilParse.h"
 
+#include "Korvo/Util.h"
+
 #include "Korvo/Exception.h"
 
 #include <algorithm>
