@@ -36,6 +36,7 @@ endif()
 foreach(harness ${KORVO_FUZZ_HARNESSES})
   add_executable(${harness}Driver ${KORVO_FUZZ_DIR}/${harness}.cpp ${KORVO_FUZZ_DIR}/FuzzDriver.cpp)
   target_compile_options(${harness}Driver PRIVATE ${KORVO_WARNINGS})
+  target_include_directories(${harness}Driver PRIVATE ${PROJECT_SOURCE_DIR}/src)
   # The plain driver reaches the parsers in the library's own objects.
   target_link_libraries(${harness}Driver PRIVATE KorvoObjects)
   korvo_fuzz_test(${harness}Driver ${harness}Driver ${harness})
