@@ -2,21 +2,10 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-struct Widget {
-   explicit Widget(int v) : value(v) {}
-   int value;
-};
-
-TEST(AllocatorTest, MakesSharedObjectsInOneAllocation) {
-   auto w = Korvo::makeShared<Widget>(7);
-   ASSERT_TRUE(w);
-   EXPECT_EQ(w->value, 7);
-   EXPECT_EQ(w.use_count(), 1);
-   std::weak_ptr<Widget> weak = w;
-   w.reset();
+TEST(AllocatorTest, MakesSharedObjects) {
+   auto value = Korvo::makeShared<std::pair<int, int>>(7, 8);
+   std::weak_ptr<std::pair<int, int>> weak = value;
+   EXPECT_EQ(value->second, 8);
+   value.reset();
    EXPECT_TRUE(weak.expired());
 }
-
-}  // namespace

@@ -5,19 +5,12 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 TEST(CountersTest, WithoutThePluginEveryCounterIsTheFallback) {
    Korvo::Counters counters("Daemon");
    EXPECT_EQ(counters.plugin(), nullptr);
-   unsigned long requests = 0, errors = 0;
+   unsigned long requests = 0;
    EXPECT_EQ(counters.counter("requests", &requests), &requests);
-   EXPECT_EQ(counters.counter("errors", &errors), &errors);
-   EXPECT_EQ(counters.counter("requests", nullptr), nullptr);
-   EXPECT_EQ(Korvo::Counters(nullptr).counter("requests", &requests), &requests);
+   EXPECT_EQ(Korvo::Counters(nullptr).counter("requests", nullptr), nullptr);
    EXPECT_EQ(Korvo::Platform::registeredPlugin(Korvo::Counters::pluginName), nullptr)
        << "a failed load registers nothing";
-   EXPECT_EQ(Korvo::Platform::loadPlugin(Korvo::Counters::pluginName), nullptr);
 }
-
-}  // namespace

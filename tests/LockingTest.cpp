@@ -1,4 +1,3 @@
-#include <Korvo/Exception.h>
 #include <Korvo/Locking.h>
 
 #include <gtest/gtest.h>
@@ -6,13 +5,9 @@
 #include <sstream>
 #include <thread>
 
-namespace {
+#include "TestSupport.h"
 
-class LockingTest : public ::testing::Test {
-protected:
-   void SetUp() override { Korvo::throwOnAssertFailIs(true); }
-   void TearDown() override { Korvo::throwOnAssertFailIs(false); }
-};
+namespace {
 
 std::string idText(std::thread::id id) {
    std::ostringstream os;
@@ -20,86 +15,44 @@ std::string idText(std::thread::id id) {
    return os.str();
 }
 
-TEST_F(LockingTest, UnlockByNonOwnerNamesBothThreads) {
+TEST(LockingTest, UnlockByANonOwnerNamesBothThreads) {
+   const std::string me = idText(std::this_thread::get_id());
    Korvo::Locking::Lock lock;
-   try {
-      lock.unlock();
-      FAIL();
-   } catch (const Korvo::AssertException& e) {
-      EXPECT_NE(e.message().find("Korvo::Locking::Lock::unlock() attempting to release a lock "
-                                 "that is not currently held, owner:thread::id of a "
-                                 "non-executing thread me:" +
-                                 idText(std::this_thread::get_id())),
-                std::string::npos)
-          << e.message();
-   }
-   lock.lock();
-   std::string message;
-   std::thread other([&] {
-      try {
-         lock.unlock();
-      } catch (const Korvo::AssertException& e) {
-         message = e.message();
-      }
-   });
-   const std::string otherId = idText(other.get_id());
-   other.join();
-   EXPECT_NE(message.find("owner:" + idText(std::this_thread::get_id()) + " me:" + otherId),
-             std::string::npos)
-       << message;
+   EXPECT_NE(KorvoTest::assertionText([&] { lock.unlock(); })
+                 .find("Korvo::Locking::Lock::unlock() attempting to release a lock that is not "
+                       "currently held, owner:thread::id of a non-executing thread me:" +
+                       me),
+             std::string::npos);
+   Korvo::Locking::ConditionalGuard guard(lock);
+   std::thread([&] {
+      const std::string text = KorvoTest::assertionText([&] { lock.unlock(); });
+      EXPECT_NE(text.find("owner:" + me + " me:" + idText(std::this_thread::get_id())),
+                std::string::npos);
+      EXPECT_FALSE(lock.try_lock());
+   }).join();
+   guard.releaseIs(false);  // the caller takes the lock on
    EXPECT_TRUE(lock.owns_lock());
-   lock.unlock();
-   EXPECT_FALSE(lock.owns_lock());
-   EXPECT_TRUE(lock.try_lock());
    lock.unlock();
 }
 
-TEST_F(LockingTest, RecursiveLockCountsLevels) {
+TEST(LockingTest, RecursiveLocksCountLevelsAndTheLibraryLockIsOne) {
    Korvo::Locking::RecursiveLock lock;
    lock.lock();
-   lock.lock();
+   ASSERT_TRUE(lock.try_lock());
    EXPECT_EQ(lock.lockCount(), 2u);
    lock.unlock();
-   EXPECT_TRUE(lock.owns_lock());
    lock.unlock();
    EXPECT_FALSE(lock.owns_lock());
-   try {
-      lock.unlock();
-      FAIL();
-   } catch (const Korvo::AssertException& e) {
-      EXPECT_NE(e.message().find("Korvo::Locking::RecursiveLock::unlock() attempting to release "
-                                 "a lock that is not currently held, owner:"),
-                std::string::npos);
-      EXPECT_NE(e.message().find(" lockCount:0"), std::string::npos) << e.message();
-   }
-}
-
-TEST_F(LockingTest, ConditionalGuardCanHandTheLockOn) {
-   Korvo::Locking::Lock lock;
-   { Korvo::Locking::ConditionalGuard guard(lock); }
-   EXPECT_FALSE(lock.owns_lock());
-   {
-      Korvo::Locking::ConditionalGuard guard(lock);
-      guard.releaseIs(false);
-   }
-   EXPECT_TRUE(lock.owns_lock());
-   lock.unlock();
-}
-
-TEST_F(LockingTest, LibraryLockIsOneRecursiveObject) {
-   Korvo::Platform::Loco* mine = &Korvo::Platform::loco();
+   EXPECT_NE(KorvoTest::assertionText([&] { lock.unlock(); })
+                 .find("Korvo::Locking::RecursiveLock::unlock() attempting to release a lock that "
+                       "is not currently held, owner:thread::id of a non-executing thread me:"),
+             std::string::npos);
    Korvo::Platform::Loco* theirs = nullptr;
    std::thread([&] { theirs = &Korvo::Platform::loco(); }).join();
-   EXPECT_EQ(mine, theirs);
-   {
-      Korvo::Platform::LocoGuard outer;
-      Korvo::Platform::LocoGuard inner;
-      EXPECT_TRUE(mine->owns_lock());
-      bool otherOwns = true;
-      std::thread([&] { otherOwns = Korvo::Platform::loco().owns_lock(); }).join();
-      EXPECT_FALSE(otherOwns);
-   }
-   EXPECT_FALSE(mine->owns_lock());
+   EXPECT_EQ(&Korvo::Platform::loco(), theirs);
+   Korvo::Platform::LocoGuard outer, inner;
+   EXPECT_TRUE(theirs->owns_lock());
+   std::thread([&] { EXPECT_FALSE(Korvo::Platform::loco().owns_lock()); }).join();
 }
 
 }  // namespace

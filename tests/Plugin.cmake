@@ -7,17 +7,15 @@ set(KORVO_TEST_LATE_PLUGIN_DIR ${CMAKE_CURRENT_BINARY_DIR}/plugins-late)
 function(korvo_test_plugin target source dir)
   add_library(${target} MODULE ${source})
   target_compile_options(${target} PRIVATE ${KORVO_WARNINGS})
-  target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/plugins)
   target_link_libraries(${target} PRIVATE Korvo::Korvo)
   set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${dir})
   add_dependencies(PluginTest ${target})
 endfunction()
 
-foreach(name KorvoTestPlugin KorvoThreadPlugin KorvoDuplicateOfTestPlugin)
+foreach(name KorvoTestPlugin KorvoDuplicateOfTestPlugin)
   korvo_test_plugin(${name} plugins/TestPlugin.cpp ${KORVO_TEST_PLUGIN_DIR})
 endforeach()
 target_compile_definitions(KorvoTestPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoTestPlugin")
-target_compile_definitions(KorvoThreadPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoThreadPlugin")
 # Registers a name another plug-in already has.
 target_compile_definitions(KorvoDuplicateOfTestPlugin PRIVATE KORVO_TEST_PLUGIN_NAME="KorvoTestPlugin")
 korvo_test_plugin(KorvoLatePlugin plugins/TestPlugin.cpp ${KORVO_TEST_LATE_PLUGIN_DIR})
@@ -30,4 +28,3 @@ korvo_test_plugin(ThrobCountersPlugin plugins/ThrobCountersPlugin.cpp ${KORVO_TE
 target_compile_definitions(PluginTest PRIVATE
   KORVO_TEST_PLUGIN_DIR="${KORVO_TEST_PLUGIN_DIR}"
   KORVO_TEST_LATE_PLUGIN_DIR="${KORVO_TEST_LATE_PLUGIN_DIR}")
-target_include_directories(PluginTest PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/plugins)

@@ -3,52 +3,42 @@
 // set per case. Each argument is one command, run in order.
 
 #include <Korvo/Debug.h>
-#include <Korvo/Exception.h>
 
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace {
 
-std::vector<std::string> split(const std::string& s, char sep, size_t parts) {
-   std::vector<std::string> out;
-   size_t begin = 0;
-   while (out.size() + 1 < parts) {
-      const size_t end = s.find(sep, begin);
-      if (end == std::string::npos)
-         break;
-      out.push_back(s.substr(begin, end - begin));
-      begin = end + 1;
-   }
-   out.push_back(s.substr(begin));
-   return out;
-}
+using Korvo::Platform::getDebugHandler;
 
 void run(const std::string& command) {
-   const auto words = split(command, ':', 4);
-   const std::string& verb = words[0];
+   std::istringstream in(command);
+   std::string verb, name, level, message;
+   std::getline(in, verb, ':');
+   std::getline(in, name, ':');
+   std::getline(in, level, ':');
+   std::getline(in, message);
    if (verb == "trace") {  // trace:NAME:LEVEL:MESSAGE
-      auto handler = Korvo::Platform::getDebugHandler(words.at(1));
-      const unsigned level = static_cast<unsigned>(std::stoul(words.at(2)));
-      KORVO_TRACE(handler, level, words.at(3));
+      const auto traced = getDebugHandler(name);
+      KORVO_TRACE(traced, std::stoul(level), message);
    } else if (verb == "levels") {  // levels:NAME
-      auto handler = Korvo::Platform::getDebugHandler(words.at(1));
-      std::cout << static_cast<Korvo::Nyx::DebugHandler&>(*handler).displayString() << std::endl;
+      std::cout << static_cast<Korvo::Nyx::DebugHandler&>(*getDebugHandler(name)).displayString()
+                << std::endl;
    } else if (verb == "setup") {
       Korvo::Platform::setupKorvoDebug(nullptr);
-   } else if (verb == "unsetenv") {
-      ::unsetenv(words.at(1).c_str());
+   } else if (verb == "unsetenv") {  // unsetenv:NAME
+      ::unsetenv(name.c_str());
    } else if (verb == "format") {
       Korvo::Platform::printAllTraceFormat();
       std::cout << std::endl;
    } else if (verb == "map") {
       Korvo::Platform::dumpKorvoDebugMap();
    } else if (verb == "nullfile") {
-      auto handler = Korvo::Platform::getDebugHandler("KorvoChild");
-      Korvo::Platform::dumpDebugMsg("tail", 4, 1, handler.get(), nullptr, "func", 7);
+      Korvo::Platform::dumpDebugMsg("tail", 4, 1, getDebugHandler("KorvoChild").get(), nullptr,
+                                    "func", 7);
    } else if (verb == "throw") {
       throw std::runtime_error("boom");
    } else if (verb == "assert") {

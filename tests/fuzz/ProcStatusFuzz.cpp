@@ -13,13 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    KorvoFuzz::require(title.has_value() == (raw.find("Name:") != std::string::npos));
    if (title && !title->empty()) {
       const std::string blanks = " \t\n";
-      KorvoFuzz::require(blanks.find(title->front()) == std::string::npos);
-      KorvoFuzz::require(blanks.find(title->back()) == std::string::npos);
-      KorvoFuzz::require(title->find('\n') == std::string::npos);
+      KorvoFuzz::require(blanks.find(title->front()) == std::string::npos &&
+                         blanks.find(title->back()) == std::string::npos &&
+                         title->find('\n') == std::string::npos);
    }
-
    const std::string cmdline = Korvo::Util::cmdlineFromText(raw);
-   KorvoFuzz::require(cmdline.size() <= raw.size());
-   KorvoFuzz::require(cmdline.find('\0') == std::string::npos);
+   KorvoFuzz::require(cmdline.size() <= raw.size() && cmdline.find('\0') == std::string::npos);
    return 0;
 }

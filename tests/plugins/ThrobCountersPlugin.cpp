@@ -9,25 +9,17 @@ namespace {
 
 class ThrobCounters : public Korvo::Platform::CountersPlugin {
 public:
+   ThrobCounters() { Korvo::Platform::registerPlugin(this); }
    const char* name() const override { return "ThrobCountersPlugin"; }
    void counterSetIs(const char* setName) override { current_ = setName; }
    unsigned long* counter(const char* counterName, unsigned long* fallback) override {
-      if (counterName == nullptr) {
-         return fallback;
-      }
       // std::map nodes never move, so the storage handed out stays valid.
-      return &sets_[current_][counterName];
+      return counterName ? &sets_[current_][counterName] : fallback;
    }
 
 private:
    std::string current_;
    std::map<std::string, std::map<std::string, unsigned long>> sets_;
-};
-
-ThrobCounters plugin;
-
-struct Registrar {
-   Registrar() { Korvo::Platform::registerPlugin(&plugin); }
-} registrar;
+} plugin;
 
 }  // namespace
