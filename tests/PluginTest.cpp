@@ -3,7 +3,6 @@
 #include <Korvo/Plugin.h>
 
 #include <dlfcn.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <thread>
@@ -16,27 +15,7 @@ using Korvo::Platform::loadPlugin;
 using Korvo::Platform::registeredPlugin;
 using Korvo::Platform::registerPlugin;
 
-// Constructors run before this file's other globals are made: no string globals.
-std::string lateDir() {
-   return std::string(KORVO_TEST_LATE_PLUGIN_DIR) + "/live";
-}
-
-// The loader reads LD_LIBRARY_PATH once, at start: so before main() this program
-// puts its plug-in directories there and starts itself again (glibc hands
-// constructors the program's arguments). The loader also remembers directories
-// that did not exist, so the late one is made before the loader first looks.
-__attribute__((constructor)) void putPluginsOnTheSearchPath(int, char** argv, char**) {
-   ::mkdir(lateDir().c_str(), 0755);
-   const char* current = std::getenv("LD_LIBRARY_PATH");
-   const std::string wanted = std::string(KORVO_TEST_PLUGIN_DIR) + ":" + lateDir();
-   if (current != nullptr && std::string(current).rfind(wanted, 0) == 0)
-      return;
-   const std::string value = wanted + (current && *current ? ":" + std::string(current) : "");
-   ::setenv("LD_LIBRARY_PATH", value.c_str(), 1);
-   ::execv("/proc/self/exe", argv);
-   std::perror("PluginTest: re-exec with LD_LIBRARY_PATH failed");
-   std::_Exit(1);
-}
+const std::string lateDir = std::string(KORVO_TEST_LATE_PLUGIN_DIR) + "/live";
 
 class InProcessPlugin : public Korvo::Platform::Plugin {
 public:
@@ -71,7 +50,7 @@ TEST(PluginTest, ARegisteredNameNeedsNoFileAndIsRegisteredOnce) {
 }
 
 TEST(PluginTest, AMissingPluginIsNullAndTriedAgainLater) {
-   const std::string live = lateDir() + "/libKorvoLatePlugin.so";
+   const std::string live = lateDir + "/libKorvoLatePlugin.so";
    std::filesystem::remove(live);
    if (registeredPlugin("KorvoLatePlugin") != nullptr)
       GTEST_SKIP() << "already loaded in this process";
