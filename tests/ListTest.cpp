@@ -1,5 +1,6 @@
 #include <Korvo/List.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -8,6 +9,8 @@
 #include "TestSupport.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 struct Item {
    explicit Item(int v = 0) : value(v) {}
@@ -37,18 +40,14 @@ TEST(ListTest, SpliceLinkTwiceAndDestroy) {
       other.pushBack(c);
       q.spliceBack(other);
       EXPECT_EQ(values(q), (std::deque<int>{1, 2, 3}));
-      EXPECT_NE(KorvoTest::assertionText([&] {
-                   other.pushBack(a);
-                }).find("!( element.*ptrToLinkNode ).isLinked()"),
-                std::string::npos);
+      EXPECT_THAT(KorvoTest::assertionText([&] { other.pushBack(a); }),
+                  HasSubstr("!( element.*ptrToLinkNode ).isLinked()"));
       All all;
       all.pushBack(a);  // one element on two lists through its two nodes
       EXPECT_FALSE(all.isBookmark(a.allLink));
       mark.insertBefore(all.end());
-      EXPECT_NE(KorvoTest::assertionText([&] {
-                   mark.insertBefore(all.end());
-                }).find("IntrusiveBookmarkLinkedList:insertBefore:"),
-                std::string::npos);
+      EXPECT_THAT(KorvoTest::assertionText([&] { mark.insertBefore(all.end()); }),
+                  HasSubstr("IntrusiveBookmarkLinkedList:insertBefore:"));
    }
    // A destroyed list leaves its elements and bookmarks unlinked.
    EXPECT_FALSE(a.queueLink.isLinked() || a.allLink.isLinked() || mark.isLinked());
