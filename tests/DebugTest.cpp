@@ -43,6 +43,14 @@ TEST(DebugTest, HandlersShowTheirLevelsAndFollowTheRegistry) {
    EXPECT_TRUE(outside.enabled(6));
    EXPECT_NE(KorvoTest::assertionText([&] { outside.enabledIs(2, true); }).find("Debug:enabledIs:"),
              std::string::npos);
+   std::ostringstream os;
+   os << 255 << " " << Korvo::DisplayPointer(reinterpret_cast<void*>(0xabc)) << " " << 255 << " "
+      << Korvo::DisplaySubString("abcdef", 2, 3) << " " << Korvo::DisplayPointer(nullptr);
+   EXPECT_EQ(os.str(), "255 0x0000000000000abc 255 cde NULL");
+   const int n = 5;
+   EXPECT_EQ(Korvo::Fmt::Impl::vformatstr("f.cpp", 12, true, "run", "Task", "n={}",
+                                          fmt::make_format_args(n)),
+             "f.cpp:12: Task::run() n=5");
 }
 
 // A plain model of the registry: the levels of every exact and wildcard entry and
@@ -67,15 +75,12 @@ struct RegistryModel {
    }
    template <typename Change>
    void forNamed(const std::string& n, bool isWild, Change change) {
-      for (auto& [e, l] : wild)
-         if (isWild && named(e, n, true))
-            change(l);
-      for (auto& [e, l] : exact)
-         if (named(e, n, isWild))
-            change(l);
-      for (auto& [e, l] : handlers)
-         if (named(e, n, isWild))
-            change(l);
+      auto each = [&](auto& entries, bool kind) {
+         for (auto& [e, l] : entries)
+            if (kind && named(e, n, isWild))
+               change(l);
+      };
+      each(wild, isWild), each(exact, true), each(handlers, true);
    }
    void set(const std::string& n, bool isWild, uint32_t bits) {
       auto& map = isWild ? wild : exact;
@@ -137,17 +142,6 @@ TEST(DebugTest, RandomTraceStringsMatchTheModel) {
    }
 }
 
-TEST(DebugTest, DisplayAids) {
-   std::ostringstream os;
-   os << 255 << " " << Korvo::DisplayPointer(reinterpret_cast<void*>(0xabc)) << " " << 255 << " "
-      << Korvo::DisplaySubString("abcdef", 2, 3) << " " << Korvo::DisplayPointer(nullptr);
-   EXPECT_EQ(os.str(), "255 0x0000000000000abc 255 cde NULL");
-   const int n = 5;
-   EXPECT_EQ(Korvo::Fmt::Impl::vformatstr("f.cpp", 12, true, "run", "Task", "n={}",
-                                          fmt::make_format_args(n)),
-             "f.cpp:12: Task::run() n=5");
-}
-
 // Trace sites read masks and line fields that other threads change: under
 // ThreadSanitizer this is where a missing lock or a plain read shows.
 TEST(DebugTest, ThreadsTraceWhileLevelsAndFormatChange) {
@@ -181,69 +175,57 @@ void mismatchedTrace(const Handler& handler) {
 #endif
 
 // What the library reads from the environment at load: each case runs the trace
-// child with its own variables.
-KorvoTest::ProcessResult runChild(std::vector<std::string> env, std::vector<std::string> args) {
-   auto full = KorvoTest::baseEnvironment();
-   full.insert(full.end(), env.begin(), env.end());
-   return KorvoTest::runProgram(TRACE_CHILD, args, full);
-}
-
-TEST(TraceEnvTest, TraceAndTraceFormat) {
-   std::string huge;
-   for (int i = 0; i < 8000; ++i)
-      huge += "Big" + std::to_string(i % 7) + "/9x,";
-   const char* fields = "1 1 0 1 1 1 0 0 \n";
-   const struct {
-      std::vector<std::string> env, args;
-      std::string out, err;  // regular expressions
-   } cases[] = {
-       {{}, {"levels:KorvoTimerWheel", "levels:App"}, "KorvoTimerWheel/01\nApp/\n", ""},
-       {{"TRACE=App/3x7"}, {"levels:App"}, "App/37\n", ""},
-       {{"TRACE=App"}, {"levels:App", "map"}, R"([\s\S]*Specific:\n    App/\n[\s\S]*)", ""},
-       {{"TRACE=Korvo*/1,KorvoTask*/5"}, {"levels:KorvoTaskGroup"}, "KorvoTaskGroup/015\n", ""},
-       {{"TRACE=" + huge + std::string(40000, '/')}, {"levels:Big3"}, "Big3/9\n", ""},
-       {{"TRACE=,,/,*/"}, {"levels:Junk"}, "Junk/\n", ""},
-       {{"TRACEFORMAT=pid,date"}, {"trace:KorvoT:1:hello"}, "", R"(\d{4}-\d\d-\d\d \d+ hello\n)"},
-       {{"TRACEFORMAT="}, {"trace:KorvoT:1:", "trace:KorvoT:1:only"}, "", "\nonly\n"},
-       {{"TRACEFORMAT=date,bogus"},
-        {"format"},
-        fields,
-        "bogus is an invalid field in TRACEFORMAT\n"
-        "Set TRACEFORMAT=help for more information\\.\n"},
-       {{"TRACEFORMAT=help"},
-        {"format"},
-        fields,
-        "Usage:\n  TRACEFORMAT=field,field,\\.\\.\\.\n"
-        "List of possible fields:\n  date\n  time\n  pid\n  tid\n  handle\n  level\n  line-info\n"
-        "  func-name\n"},
-       {{"TRACEFORMAT=level,,handle,line-info,func-name"},
-        {"trace:KorvoT:1:x", "nullfile"},
-        "",
-        R"(KorvoT 1 TraceChild\.cpp:\d+ run x\nKorvoChild 1 tail\n)"},
-       {{"TRACEFORMAT=time"}, {"trace:KorvoT:0:t"}, "", R"(\d\d:\d\d:\d\d\.[1-9]?\d* t\n)"},
-   };
-   for (const auto& c : cases) {
-      SCOPED_TRACE(c.env.empty() ? "(none)" : c.env[0].substr(0, 40));
-      const auto r = runChild(c.env, c.args);
-      EXPECT_EQ(r.exitCode, 0);
-      EXPECT_TRUE(std::regex_match(r.out, std::regex(c.out))) << r.out;
-      EXPECT_TRUE(std::regex_match(r.err, std::regex(c.err))) << r.err;
-   }
-}
-
-TEST(TraceEnvTest, TraceFileKeepsReopensOrFallsBack) {
+// child with its own variables. Its output and error, one after the other, must
+// match a regular expression.
+TEST(TraceEnvTest, TraceTraceFormatAndTraceFile) {
    KorvoTest::TempDir dir;
    const std::string file = dir.file("trace.log");
-   auto r = runChild({"TRACEFORMAT=level", "TRACEFILE=" + file},
-                     {"trace:KorvoT:0:one", "setup", "trace:KorvoT:0:two", "unsetenv:TRACEFILE",
-                      "setup", "trace:KorvoT:0:three"});
-   EXPECT_EQ(KorvoTest::slurp(file), "0 one\n0 two\n");
-   EXPECT_EQ(r.err, "0 three\n");
+   std::string huge(40000, '/');
+   for (int i = 0; i < 8000; ++i)
+      huge += "Big" + std::to_string(i % 7) + "/9x,";
+   const std::string fields = "1 1 0 1 1 1 0 0 \n";  // which fields are on, on the output
+   const std::string bogus =
+       "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information\\.\n";
+   const std::string usage =
+       "Usage:\n  TRACEFORMAT=field,field,\\.\\.\\.\nList of possible fields:\n  date\n  time\n"
+       "  pid\n  tid\n  handle\n  level\n  line-info\n  func-name\n";
    // Both load-time set-up calls (the default, then the environment) try the file.
-   r = runChild({"TRACEFORMAT=level", "TRACEFILE=" + dir.path()}, {"trace:KorvoT:0:four"});
    const std::string failed =
-       "Error opening TRACEFILE=" + dir.path() + "\nDefaulting to std::cerr for trace output.\n";
-   EXPECT_EQ(r.err, failed + failed + "0 four\n");
+       "Error opening TRACEFILE=" + dir.path() + "\nDefaulting to std::cerr for trace output\\.\n";
+   const struct {
+      std::vector<std::string> env, args;
+      std::string output;
+   } cases[] = {
+       {{"TRACE=App/3x7"}, {"levels:App"}, "App/37\n"},
+       {{"TRACE=App"}, {"levels:App", "map"}, R"(App/\n[\s\S]*Specific:\n    App/\n[\s\S]*)"},
+       {{"TRACE=Korvo*/1,KorvoTask*/5"}, {"levels:KorvoTaskGroup"}, "KorvoTaskGroup/015\n"},
+       {{"TRACE=" + huge}, {"levels:Big3"}, "Big3/9\n"},
+       {{"TRACE=,,/,*/"}, {"levels:Junk"}, "Junk/\n"},
+       {{"TRACEFORMAT=pid,date"}, {"trace:KorvoT:1:hello"}, R"(\d{4}-\d\d-\d\d \d+ hello\n)"},
+       {{"TRACEFORMAT="}, {"trace:KorvoT:1:", "trace:KorvoT:1:only"}, "\nonly\n"},
+       {{"TRACEFORMAT=date,bogus"}, {"format"}, fields + bogus},
+       {{"TRACEFORMAT=help"}, {"format"}, fields + usage},
+       {{"TRACEFORMAT=level,,handle,line-info,func-name"},
+        {"trace:KorvoT:1:x", "nullfile"},
+        R"(KorvoT 1 TraceChild\.cpp:\d+ run x\nKorvoChild 1 tail\n)"},
+       {{"TRACEFORMAT=time"}, {"trace:KorvoT:0:t"}, R"(\d\d:\d\d:\d\d\.[1-9]?\d* t\n)"},
+       {{"TRACEFORMAT=level", "TRACEFILE=" + dir.path()},
+        {"trace:KorvoT:0:x"},
+        failed + failed + "0 x\n"},
+       {{"TRACEFORMAT=level", "TRACEFILE=" + file},
+        {"trace:KorvoT:0:one", "setup", "trace:KorvoT:0:two", "unsetenv:TRACEFILE", "setup",
+         "trace:KorvoT:0:3"},
+        "0 3\n"},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.env[0].substr(0, 40));
+      auto env = KorvoTest::baseEnvironment();
+      env.insert(env.end(), c.env.begin(), c.env.end());
+      const auto r = KorvoTest::runProgram(TRACE_CHILD, c.args, env);
+      EXPECT_EQ(r.exitCode, 0);
+      EXPECT_TRUE(std::regex_match(r.out + r.err, std::regex(c.output))) << r.out << r.err;
+   }
+   EXPECT_EQ(KorvoTest::slurp(file), "0 one\n0 two\n") << "kept, then reopened";
 }
 
 }  // namespace
