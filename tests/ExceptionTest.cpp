@@ -1,5 +1,6 @@
 #include <Korvo/Exception.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -32,15 +33,8 @@ TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
    EXPECT_EQ(Korvo::typeName("not a mangled name !"),
              "Korvo::typeName() unable to demangle type not a mangled name ! status:-2");
 
-   EXPECT_EQ(KorvoTest::assertionText([] {
-                KORVO_ASSERT_IN("WidgetCpp", 1 + 1 == 3, "sum: " << 2);
-             }).rfind("WidgetCpp:operator():", 0),
-             0u);
-   Korvo::Platform::DebugStream s;
-   s << "plain";
-   EXPECT_EQ(KorvoTest::assertionText(
-                 [&] { Korvo::debugAndThrowAssertException(nullptr, 0, s, nullptr, nullptr, 7); }),
-             "::7: plain");
+   EXPECT_THAT(KorvoTest::assertionText([] { KORVO_ASSERT_IN("Widget", 1 + 1 == 3, "sum " << 2); }),
+               ::testing::MatchesRegex("Widget:operator\\(\\):[0-9]+: sum 2"));
 }
 
 TEST(ExceptionDeathTest, AssertionsAndUncaughtExceptionsAbortWithTheirStory) {
