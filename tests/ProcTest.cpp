@@ -93,46 +93,29 @@ TEST_F(ProcTest, ProcessFactsAndHandlerNames) {
    EXPECT_NE(Util::readPidCmdline(h_, ::getpid()).find("ProcTest"), std::string::npos);
 }
 
+// The parsers' corner cases are the fuzz harness's; here are their exact results.
 TEST_F(ProcTest, ParsersOfProcTexts) {
-   EXPECT_EQ(Util::startTimeFromStat(
-                 "42 (a) (b) c) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 987654 20", "t"),
-             "987654");
-   const std::pair<std::string, std::string> malformed[] = {
-       {"42 x S 1",
-        "Util::readProcStartTime() input not long enough to contain start time. file: "
-        "f line: \"42 x S 1\""},
-       {"42 (x) S 1 2 3",
-        "Util::readProcStartTime() Failed to parse start time from file: f "
-        "line: \"42 (x) S 1 2 3\" procStartTime.size():14 tokPos:4 "
-        "startTimeFieldPos:19"},
-   };
-   for (const auto& [line, text] : malformed)
-      EXPECT_NE(KorvoTest::assertionText([&] { Util::startTimeFromStat(line, "f"); }).find(text),
-                std::string::npos);
+   EXPECT_EQ(
+       Util::startTimeFromStat("1 (a) b) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 98", ""),
+       "98");
+   EXPECT_NE(KorvoTest::assertionText([] { Util::startTimeFromStat("4 (x) S 1", "f"); })
+                 .find("Util::readProcStartTime() Failed to parse start time from file: f line: "
+                       "\"4 (x) S 1\" procStartTime.size():9 tokPos:2 startTimeFieldPos:19"),
+             std::string::npos);
    std::istringstream status("State:\tS\nName:  a b \t\n");
    EXPECT_EQ(Util::titleFromStatus(status), "a b");
    EXPECT_EQ(Util::cmdlineFromText(std::string("a\0b c\0\0", 7)), "a b c");
 }
 
-struct LocalPolymorph {
-   virtual ~LocalPolymorph() = default;
-};
-
 TEST_F(ProcTest, TypenameFromVptrNamesLiveTypesAndRejectsGarbage) {
    const Korvo::RuntimeException runtime("x");
    EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&runtime)), "Korvo::RuntimeException");
-   const LocalPolymorph local;
-   EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&local)), "(anonymous namespace)::LocalPolymorph");
    EXPECT_EQ(Util::typenameFromVptr(nullptr), "Bad vptr:NULL");
    const uint64_t words[4] = {0, 0, 0x9e3779b97f4a7c15ull, 0x3c6ef372fe94f82aull};
-   const void* garbage[] = {
-       reinterpret_cast<const void*>(0x10),
-       &words[1],                                                  // zeros
-       &words[3],                                                  // random
-       reinterpret_cast<const char*>(Util::vptrOf(&runtime)) + 3,  // misaligned
-       reinterpret_cast<const void*>(0x7ffffffff000ull),           // unmapped
-       reinterpret_cast<const void*>(&Util::decodeMagic),          // code, not a table
-   };
+   const char* misaligned = static_cast<const char*>(Util::vptrOf(&runtime)) + 3;
+   const void* garbage[] = {&words[1], &words[3], misaligned,
+                            reinterpret_cast<const void*>(&Util::decodeMagic),  // code
+                            reinterpret_cast<const void*>(0x7ffffffff000ull)};  // unmapped
    for (const void* vptr : garbage)
       EXPECT_EQ(Util::typenameFromVptr(vptr).rfind("Bad vptr:0x", 0), 0u) << vptr;
 }
