@@ -7,8 +7,6 @@
 
 #include "TestSupport.h"
 
-namespace {
-
 TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
    try {
       Korvo::InvalidSizeException::throwException("size");
@@ -45,5 +43,3 @@ TEST(ExceptionDeathTest, AssertionsAndUncaughtExceptionsAbortWithTheirStory) {
    EXPECT_EQ(r.signal, SIGABRT);
    EXPECT_EQ(r.err.find("Backtrace:"), std::string::npos) << r.err;
 }
-
-}  // namespace

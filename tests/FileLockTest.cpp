@@ -7,8 +7,6 @@
 
 #include "UtilTestSupport.h"
 
-namespace {
-
 using Korvo::FileLock;
 using KorvoTest::assertionText;
 namespace Util = Korvo::Util;
@@ -23,26 +21,20 @@ TEST_F(FileLockTest, LockCreatesTheFileConflictsAndReleases) {
    EXPECT_EQ(KorvoTest::modeOf(directory), 040777u);
    EXPECT_EQ(KorvoTest::modeOf(lock.file()), 0100666u);
    EXPECT_FALSE(second.lock()) << "two locks on one file conflict, even in one process";
+   EXPECT_TRUE(lock.lock(true)) << "unless re-entry is asked for";
    lock.release();
    EXPECT_EQ(lock.ownerPid(), -1);
-   EXPECT_TRUE(second.lock()) << "free again once released";
    EXPECT_FALSE(FileLock(h_, "/proc", "korvo.lock").lock()) << "an unwritable directory";
-}
-
-TEST_F(FileLockTest, ReentryOnlyWhenAskedForAndDestroyingReleases) {
-   auto lock = std::make_unique<FileLock>(h_, dir_.path(), "re.lock");
-   ASSERT_TRUE(lock->lock(true));
-   const int fd = lock->fd();
-   EXPECT_TRUE(lock->lock(true));
-   EXPECT_FALSE(lock->lock(false)) << "without re-entry the lock conflicts with itself";
-   EXPECT_EQ(lock->fd(), fd);
-   FileLock other(h_, dir_.path(), "re.lock"), third(h_, dir_.path(), "re.lock");
-   lock.reset();
-   ASSERT_TRUE(other.lock()) << "destroying a held lock released it";
-   other.closeFd();
-   other.closeFd();  // nothing left to close
-   EXPECT_TRUE(third.lock()) << "closing the only descriptor dropped the lock";
-   EXPECT_FALSE(other.lock(true)) << "re-entry needs a lock that is still held";
+   {
+      FileLock scoped(h_, dir_.path(), "x.lock");
+      EXPECT_TRUE(scoped.lock());
+   }
+   ASSERT_TRUE(second.lock() && second.lock(true) && FileLock(h_, dir_.path(), "x.lock").lock())
+       << "free again once released or destroyed";
+   second.closeFd();
+   second.closeFd();  // nothing left to close
+   EXPECT_TRUE(lock.lock()) << "closing the only descriptor dropped the lock";
+   EXPECT_FALSE(second.lock(true)) << "re-entry needs a lock that is still held";
 }
 
 TEST_F(FileLockTest, MisuseGoesThroughTheAssertionPath) {
@@ -100,5 +92,3 @@ TEST_F(FileLockTest, ReadLockPidFindsTheHolderInAnotherProcess) {
    for (const auto& [text, held] : texts)
       EXPECT_EQ(Util::lockTextHasHeldLock(text), held) << text;
 }
-
-}  // namespace

@@ -9,8 +9,6 @@
 
 #include "TestSupport.h"
 
-namespace {
-
 using ::testing::HasSubstr;
 
 struct Item {
@@ -85,5 +83,3 @@ TEST(ListTest, RandomOperationsMatchADequeModel) {
       ASSERT_EQ(list.first() ? list.first()->value : -1, model.empty() ? -1 : model.front());
    }
 }
-
-}  // namespace

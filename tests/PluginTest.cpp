@@ -9,8 +9,6 @@
 
 #include "TestSupport.h"
 
-namespace {
-
 using Korvo::Platform::loadPlugin;
 using Korvo::Platform::registeredPlugin;
 using Korvo::Platform::registerPlugin;
@@ -85,5 +83,3 @@ TEST(PluginTest, CountersReachTheCountersPlugin) {
    EXPECT_EQ(a.setName(), "SetA");
    EXPECT_NE(Korvo::Counters(nullptr).counter("requests", &fallback), &fallback);
 }
-
-}  // namespace

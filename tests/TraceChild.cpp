@@ -9,8 +9,6 @@
 #include <stdexcept>
 #include <string>
 
-namespace {
-
 using Korvo::Platform::getDebugHandler;
 
 void run(const std::string& command) {
@@ -44,8 +42,6 @@ void run(const std::string& command) {
       KORVO_FAIL("bad thing " << 42);
    }
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
    for (int i = 1; i < argc; ++i)

@@ -13,15 +13,11 @@
 #include <sstream>
 #include <string>
 
-namespace {
-
 // A violation is a crash the fuzzer reports.
-void require(bool holds) {
+static void require(bool holds) {
    if (!holds)
       std::abort();
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    const std::string text(reinterpret_cast<const char*>(data), size);
