@@ -38,10 +38,11 @@ public:
 };
 
 // Runs `task` through the event loop: one warm-up batch, in which first-use
-// allocations happen, then a batch of runsPerBatch runs per iteration. `timed` is
-// called right before the first timed batch. Returns the number of timed runs.
-template <typename Timed>
-double runBatches(benchmark::State& state, Repeater& task, Timed timed) {
+// allocations happen, then a batch of runsPerBatch runs per iteration. `timed()` is
+// called right before the first timed batch, `done(runs)` right after the last, before
+// the counter cpuPerRun is set.
+template <typename Timed, typename Done>
+void runBatches(benchmark::State& state, Repeater& task, Timed timed, Done done) {
    task.remaining = 2;
    task.scheduleTask();
    Korvo::Platform::doEventLoop();
@@ -52,11 +53,12 @@ double runBatches(benchmark::State& state, Repeater& task, Timed timed) {
       Korvo::Platform::doEventLoop();
    }
    const double runs = static_cast<double>(state.iterations()) * runsPerBatch;
+   done(runs);
    cpuPerRunIs(state, runs);
-   return runs;
 }
-inline double runBatches(benchmark::State& state, Repeater& task) {
-   return runBatches(state, task, [] {});
+inline void runBatches(benchmark::State& state, Repeater& task) {
+   runBatches(
+       state, task, [] {}, [](double) {});
 }
 
 // A root with n live tasks and n/10 dead names, every task run once with a work

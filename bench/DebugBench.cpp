@@ -62,35 +62,32 @@ void BM_FprintfFflush(benchmark::State& state) {
 }
 BENCHMARK(BM_FprintfFflush);
 
-void BM_EnabledTraceToFile(benchmark::State& state) {
-   const std::string path = scratchFile("trace");
+// Traces every iteration on an enabled handler whose lines go to a scratch file.
+template <typename Trace>
+void traceToFile(benchmark::State& state, const char* file, Trace trace) {
+   const std::string path = scratchFile(file);
    ::setenv("TRACEFILE", path.c_str(), 1);
    Korvo::Platform::setupKorvoDebug("BenchEnabled/5");
    auto handler = Korvo::Platform::getDebugHandler("BenchEnabled");
    int i = 0;
    for (auto _ : state) {
-      KORVO_TRACE(handler, 5, "value " << i++);
+      trace(*handler, i++);
    }
    ::unsetenv("TRACEFILE");
    Korvo::Platform::setupKorvoDebug("");
    std::remove(path.c_str());
    state.SetItemsProcessed(state.iterations());
 }
+
+void BM_EnabledTraceToFile(benchmark::State& state) {
+   traceToFile(state, "trace",
+               [](auto& handler, int i) { KORVO_TRACE(handler, 5, "value " << i); });
+}
 BENCHMARK(BM_EnabledTraceToFile);
 
 void BM_EnabledFmtTraceToFile(benchmark::State& state) {
-   const std::string path = scratchFile("fmtrace");
-   ::setenv("TRACEFILE", path.c_str(), 1);
-   Korvo::Platform::setupKorvoDebug("BenchEnabled/5");
-   auto handler = Korvo::Platform::getDebugHandler("BenchEnabled");
-   int i = 0;
-   for (auto _ : state) {
-      KORVO_FMTRACE(handler, 5, "value {}", i++);
-   }
-   ::unsetenv("TRACEFILE");
-   Korvo::Platform::setupKorvoDebug("");
-   std::remove(path.c_str());
-   state.SetItemsProcessed(state.iterations());
+   traceToFile(state, "fmtrace",
+               [](auto& handler, int i) { KORVO_FMTRACE(handler, 5, "value {}", i); });
 }
 BENCHMARK(BM_EnabledFmtTraceToFile);
 

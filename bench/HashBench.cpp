@@ -19,33 +19,32 @@ std::string input(int64_t size) {
    return s;
 }
 
-void BM_UtilHash64(benchmark::State& state) {
+template <typename Hash>
+void hashBytes(benchmark::State& state, Hash hash) {
    const std::string s = input(state.range(0));
    for (auto _ : state) {
       benchmark::DoNotOptimize(s.data());
-      benchmark::DoNotOptimize(Korvo::Util::hash64(s.data(), static_cast<unsigned>(s.size())));
+      benchmark::DoNotOptimize(hash(s));
    }
    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+
+void BM_UtilHash64(benchmark::State& state) {
+   hashBytes(state, [](const std::string& s) {
+      return Korvo::Util::hash64(s.data(), static_cast<unsigned>(s.size()));
+   });
 }
 BENCHMARK(BM_UtilHash64)->Arg(8)->Arg(64)->Arg(4096);
 
 void BM_UtilHash32(benchmark::State& state) {
-   const std::string s = input(state.range(0));
-   for (auto _ : state) {
-      benchmark::DoNotOptimize(s.data());
-      benchmark::DoNotOptimize(Korvo::Util::hash(s.data(), static_cast<unsigned>(s.size())));
-   }
-   state.SetBytesProcessed(state.iterations() * state.range(0));
+   hashBytes(state, [](const std::string& s) {
+      return Korvo::Util::hash(s.data(), static_cast<unsigned>(s.size()));
+   });
 }
 BENCHMARK(BM_UtilHash32)->Arg(8)->Arg(64)->Arg(4096);
 
 void BM_StdHashStringView(benchmark::State& state) {
-   const std::string s = input(state.range(0));
-   for (auto _ : state) {
-      benchmark::DoNotOptimize(s.data());
-      benchmark::DoNotOptimize(std::hash<std::string_view>()(s));
-   }
-   state.SetBytesProcessed(state.iterations() * state.range(0));
+   hashBytes(state, [](const std::string& s) { return std::hash<std::string_view>()(s); });
 }
 BENCHMARK(BM_StdHashStringView)->Arg(8)->Arg(64)->Arg(4096);
 

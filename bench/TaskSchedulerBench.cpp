@@ -71,8 +71,11 @@ void BM_TaskRunThroughEventLoop(benchmark::State& state) {
    auto root = Korvo::schedulerRootKorvoNonShared("bench");
    auto task = Korvo::makeShared<Repeater>(root, Korvo::TaskPriority::normal, "repeater");
    uint64_t before = 0;
-   const double runs = KorvoBench::runBatches(state, *task, [&] { before = allocations.load(); });
-   state.counters["allocsPerRun"] = static_cast<double>(allocations.load() - before) / runs;
+   KorvoBench::runBatches(
+       state, *task, [&] { before = allocations.load(); },
+       [&](double runs) {
+          state.counters["allocsPerRun"] = static_cast<double>(allocations.load() - before) / runs;
+       });
 }
 BENCHMARK(BM_TaskRunThroughEventLoop);
 

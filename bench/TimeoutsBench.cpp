@@ -87,6 +87,9 @@ struct Wheel {
       for (auto& r : recs)
          timeouts_del(T, &r);
    }
+   using Batch = std::vector<timeout_t>;
+   static Batch batch(size_t n, uint64_t seed) { return randomTicks(n, seed); }
+   void add(const Batch& ticks) { addAll(ticks, now()); }
    timeout_t now() const { return now_; }
    void updateTo(timeout_t tick) {
       now_ = tick;
@@ -97,44 +100,6 @@ struct Wheel {
    std::vector<timeout> recs;
    timeout_t now_ = kStart;
 };
-
-void BM_WheelAdd(benchmark::State& state) {
-   size_t n = size_t(state.range(0));
-   Wheel w(n);
-   auto ticks = randomTicks(n, 1);
-   PerOp perOp;
-   for (auto _ : state) {
-      perOp.add(state, timed([&] { w.addAll(ticks, w.now()); }), n);
-      w.delAll();
-   }
-   perOp.report(state);
-}
-
-void BM_WheelDel(benchmark::State& state) {
-   size_t n = size_t(state.range(0));
-   Wheel w(n);
-   auto ticks = randomTicks(n, 1);
-   PerOp perOp;
-   for (auto _ : state) {
-      w.addAll(ticks, w.now());
-      perOp.add(state, timed([&] { w.delAll(); }), n);
-   }
-   perOp.report(state);
-}
-
-void BM_WheelReAdd(benchmark::State& state) {
-   size_t n = size_t(state.range(0));
-   Wheel w(n);
-   std::vector<timeout_t> ticks[2] = {randomTicks(n, 1), randomTicks(n, 2)};
-   w.addAll(ticks[0], w.now());
-   PerOp perOp;
-   size_t round = 0;
-   for (auto _ : state) {
-      auto& next = ticks[++round % 2];
-      perOp.add(state, timed([&] { w.addAll(next, w.now()); }), n);
-   }
-   perOp.report(state);
-}
 
 // Expiry as an event loop drives it: sleep for timeouts_timeout() ticks, update, take every due
 // record with timeouts_get. Includes the cascades from the upper level and the wake-ups for them.
@@ -241,6 +206,9 @@ struct Libevent {
          tv.push_back(toTimeval(t));
       return tv;
    }
+   using Batch = std::vector<timeval>;
+   static Batch batch(size_t n, uint64_t seed) { return timevals(randomTicks(n, seed)); }
+   void add(const Batch& tv) { addAll(tv); }
    void addAll(const std::vector<timeval>& tv) {
       for (size_t i = 0; i < events.size(); i++)
          event_add(events[i], &tv[i]);
@@ -252,44 +220,68 @@ struct Libevent {
    std::vector<event*> events;
 };
 
-void BM_LibeventAdd(benchmark::State& state) {
+// ---- Both: `Timers` (Wheel or Libevent) makes a Batch of n expiries and adds it ---------
+
+template <typename Timers>
+void addBatches(benchmark::State& state) {
    size_t n = size_t(state.range(0));
-   Libevent ev(n);
-   auto tv = Libevent::timevals(randomTicks(n, 1));
+   Timers timers(n);
+   auto batch = Timers::batch(n, 1);
    PerOp perOp;
    for (auto _ : state) {
-      perOp.add(state, timed([&] { ev.addAll(tv); }), n);
-      ev.delAll();
+      perOp.add(state, timed([&] { timers.add(batch); }), n);
+      timers.delAll();
    }
    perOp.report(state);
 }
 
-void BM_LibeventDel(benchmark::State& state) {
+template <typename Timers>
+void delBatches(benchmark::State& state) {
    size_t n = size_t(state.range(0));
-   Libevent ev(n);
-   auto tv = Libevent::timevals(randomTicks(n, 1));
+   Timers timers(n);
+   auto batch = Timers::batch(n, 1);
    PerOp perOp;
    for (auto _ : state) {
-      ev.addAll(tv);
-      perOp.add(state, timed([&] { ev.delAll(); }), n);
+      timers.add(batch);
+      perOp.add(state, timed([&] { timers.delAll(); }), n);
    }
    perOp.report(state);
 }
 
-void BM_LibeventReAdd(benchmark::State& state) {
+// Every timer armed again with a new expiry while it is pending.
+template <typename Timers>
+void reAddBatches(benchmark::State& state) {
    size_t n = size_t(state.range(0));
-   Libevent ev(n);
-   std::vector<timeval> tv[2] = {Libevent::timevals(randomTicks(n, 1)),
-                                 Libevent::timevals(randomTicks(n, 2))};
-   ev.addAll(tv[0]);
+   Timers timers(n);
+   typename Timers::Batch batches[2] = {Timers::batch(n, 1), Timers::batch(n, 2)};
+   timers.add(batches[0]);
    PerOp perOp;
    size_t round = 0;
    for (auto _ : state) {
-      auto& next = tv[++round % 2];
-      perOp.add(state, timed([&] { ev.addAll(next); }), n);
+      auto& next = batches[++round % 2];
+      perOp.add(state, timed([&] { timers.add(next); }), n);
    }
-   ev.delAll();
+   timers.delAll();
    perOp.report(state);
+}
+
+void BM_WheelAdd(benchmark::State& state) {
+   addBatches<Wheel>(state);
+}
+void BM_LibeventAdd(benchmark::State& state) {
+   addBatches<Libevent>(state);
+}
+void BM_WheelDel(benchmark::State& state) {
+   delBatches<Wheel>(state);
+}
+void BM_LibeventDel(benchmark::State& state) {
+   delBatches<Libevent>(state);
+}
+void BM_WheelReAdd(benchmark::State& state) {
+   reAddBatches<Wheel>(state);
+}
+void BM_LibeventReAdd(benchmark::State& state) {
+   reAddBatches<Libevent>(state);
 }
 
 // libevent runs on the real clock, so its timers are given random timeouts below 1 ms, left to

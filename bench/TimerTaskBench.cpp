@@ -77,41 +77,50 @@ void reportAllocations(benchmark::State& state, uint64_t before, double perItera
 // ---------------------------------------------------------------------------------
 // Arming an idle timer while 100k are armed
 
-void BM_TimerTaskArmStop(benchmark::State& state) {
-   auto root = Korvo::schedulerRootKorvoNonShared("bench");
-   uint64_t runs = 0;
+// Arms kArmed timers, `arm(i, delay)` each, then times one `cycle(delay)` (arm one more
+// timer and stop it) per iteration.
+template <typename Arm, typename Cycle>
+void cycleAmongArmed(benchmark::State& state, Arm arm, Cycle cycle) {
    const auto delays = randomDelays(kArmed + kDelays);
-   std::vector<std::shared_ptr<CountingTimer>> armed;
    for (size_t i = 0; i < kArmed; ++i) {
-      armed.push_back(Korvo::makeShared<CountingTimer>(root, &runs));
-      armed.back()->scheduleTaskDelay(delays[i]);
+      arm(i, delays[i]);
    }
-   auto task = Korvo::makeShared<CountingTimer>(root, &runs);
    size_t i = 0;
    const uint64_t before = allocations.load();
    for (auto _ : state) {
-      task->scheduleTaskDelay(delays[kArmed + (i++ % kDelays)]);
-      task->stopTimerTask();
+      cycle(delays[kArmed + (i++ % kDelays)]);
    }
    reportAllocations(state, before, 1.0);
+}
+
+void BM_TimerTaskArmStop(benchmark::State& state) {
+   auto root = Korvo::schedulerRootKorvoNonShared("bench");
+   uint64_t runs = 0;
+   std::vector<std::shared_ptr<CountingTimer>> armed;
+   auto task = Korvo::makeShared<CountingTimer>(root, &runs);
+   cycleAmongArmed(
+       state,
+       [&](size_t, double delay) {
+          armed.push_back(Korvo::makeShared<CountingTimer>(root, &runs));
+          armed.back()->scheduleTaskDelay(delay);
+       },
+       [&](double delay) {
+          task->scheduleTaskDelay(delay);
+          task->stopTimerTask();
+       });
 }
 BENCHMARK(BM_TimerTaskArmStop);
 
 void BM_WheelStartStop(benchmark::State& state) {
    auto wheel = Korvo::getTimerWheel();
-   const auto delays = randomDelays(kArmed + kDelays);
    std::vector<WheelEvent> armed(kArmed);
-   for (size_t i = 0; i < kArmed; ++i) {
-      wheel->timerStart(&armed[i], delays[i]);
-   }
    WheelEvent event;
-   size_t i = 0;
-   const uint64_t before = allocations.load();
-   for (auto _ : state) {
-      wheel->timerStart(&event, delays[kArmed + (i++ % kDelays)]);
-      wheel->timerStop(&event);
-   }
-   reportAllocations(state, before, 1.0);
+   cycleAmongArmed(
+       state, [&](size_t i, double delay) { wheel->timerStart(&armed[i], delay); },
+       [&](double delay) {
+          wheel->timerStart(&event, delay);
+          wheel->timerStop(&event);
+       });
    for (auto& e : armed) {
       wheel->timerStop(&e);
    }
@@ -120,25 +129,44 @@ BENCHMARK(BM_WheelStartStop);
 
 void BM_LibeventTimerSetDel(benchmark::State& state) {
    Counting handler;
-   const auto delays = randomDelays(kArmed + kDelays);
    std::vector<std::shared_ptr<P::TimerControl>> armed;
-   for (size_t i = 0; i < kArmed; ++i) {
-      armed.push_back(P::getTimerControl(&handler));
-      armed.back()->setTimeout(delays[i]);
-   }
    auto control = P::getTimerControl(&handler);
-   size_t i = 0;
-   const uint64_t before = allocations.load();
-   for (auto _ : state) {
-      control->setTimeout(delays[kArmed + (i++ % kDelays)]);
-      control->delTimeout();
-   }
-   reportAllocations(state, before, 1.0);
+   cycleAmongArmed(
+       state,
+       [&](size_t, double delay) {
+          armed.push_back(P::getTimerControl(&handler));
+          armed.back()->setTimeout(delay);
+       },
+       [&](double delay) {
+          control->setTimeout(delay);
+          control->delTimeout();
+       });
 }
 BENCHMARK(BM_LibeventTimerSetDel);
 
 // ---------------------------------------------------------------------------------
 // 100k due at once: master timer to the last run, per timer
+
+// Per iteration: `armAll()` (untimed) arms kArmed timers due at once, then one loop
+// call jumps to their expiry and returns once every one has run. Reports time and
+// allocations per timer and whether `runs` counted every run.
+template <typename ArmAll>
+void expiryToRun(benchmark::State& state, ArmAll armAll, const uint64_t& runs) {
+   uint64_t allocs = 0;
+   for (auto _ : state) {
+      state.PauseTiming();
+      armAll();
+      const uint64_t before = allocations.load();
+      state.ResumeTiming();
+      P::doEventLoop();
+      allocs += allocations.load() - before;
+   }
+   const double timers = static_cast<double>(state.iterations() * kArmed);
+   state.counters["ns_per_timer"] =
+       benchmark::Counter(timers, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   state.counters["allocs_per_timer"] = static_cast<double>(allocs) / timers;
+   state.counters["runs_ok"] = runs == state.iterations() * kArmed;
+}
 
 void BM_TimerTaskExpiryToRun(benchmark::State& state) {
    P::setFastForward(true);
@@ -148,23 +176,14 @@ void BM_TimerTaskExpiryToRun(benchmark::State& state) {
    for (size_t i = 0; i < kArmed; ++i) {
       tasks.push_back(Korvo::makeShared<CountingTimer>(root, &runs));
    }
-   uint64_t allocs = 0;
-   for (auto _ : state) {
-      state.PauseTiming();
-      for (auto& t : tasks) {
-         t->scheduleTaskDelay(1.0);
-      }
-      const uint64_t before = allocations.load();
-      state.ResumeTiming();
-      P::doEventLoop();  // jumps to the expiry; returns once every task has run
-      allocs += allocations.load() - before;
-   }
-   state.counters["ns_per_timer"] =
-       benchmark::Counter(static_cast<double>(state.iterations() * kArmed),
-                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-   state.counters["allocs_per_timer"] =
-       static_cast<double>(allocs) / static_cast<double>(state.iterations() * kArmed);
-   state.counters["runs_ok"] = runs == state.iterations() * kArmed;
+   expiryToRun(
+       state,
+       [&] {
+          for (auto& t : tasks) {
+             t->scheduleTaskDelay(1.0);
+          }
+       },
+       runs);
    P::setFastForward(false);
 }
 BENCHMARK(BM_TimerTaskExpiryToRun)->Unit(benchmark::kMillisecond);
@@ -208,23 +227,14 @@ void BM_LibeventTimerExpiryToRun(benchmark::State& state) {
    for (size_t i = 0; i < kArmed; ++i) {
       controls.push_back(P::getTimerControl(&handler));
    }
-   uint64_t allocs = 0;
-   for (auto _ : state) {
-      state.PauseTiming();
-      for (auto& c : controls) {
-         c->setTimeout(1.0);
-      }
-      const uint64_t before = allocations.load();
-      state.ResumeTiming();
-      P::doEventLoop();
-      allocs += allocations.load() - before;
-   }
-   state.counters["ns_per_timer"] =
-       benchmark::Counter(static_cast<double>(state.iterations() * kArmed),
-                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-   state.counters["allocs_per_timer"] =
-       static_cast<double>(allocs) / static_cast<double>(state.iterations() * kArmed);
-   state.counters["runs_ok"] = handler.runs == state.iterations() * kArmed;
+   expiryToRun(
+       state,
+       [&] {
+          for (auto& c : controls) {
+             c->setTimeout(1.0);
+          }
+       },
+       handler.runs);
    P::setFastForward(false);
 }
 BENCHMARK(BM_LibeventTimerExpiryToRun)->Unit(benchmark::kMillisecond);

@@ -4,7 +4,9 @@
 // - Start and stop of one timer while N others are pending, delays random over
 //   0-60 s. The control's own cost is its start+stop less one clock_gettime (the
 //   read a start must make) less the raw wheel's add+delete: BM_ClockGettime and
-//   BM_RawWheelAddDelete give both in the same run.
+//   BM_RawWheelAddDelete give both in the same run. (A timer stopped before the
+//   master timer is next set never reaches the raw wheel, so here the control does
+//   no add or delete of its own; the expiry rows pay for the add.)
 // - Expiry: N timers that re-arm themselves from their handlers with delays of
 //   1-20 ms, each iteration running the loop for 20 ms of real time. "ns_per_fired"
 //   is thread CPU time (so not the time spent waiting) per fired timer. Virtual time

@@ -333,6 +333,15 @@ public:
       }
    }
 
+   static void clear(const std::string& name, bool wildcard, uint32_t bits) {
+      if (wildcard) {
+         clearWildcard(name, bits);
+      } else {
+         clearExact(name, bits);
+      }
+   }
+
+private:
    static void clearExact(const std::string& name, uint32_t bits) {
       auto it = DebugControl::debugsMap_->find(name);
       if (it != DebugControl::debugsMap_->end()) {
@@ -370,7 +379,6 @@ public:
       }
    }
 
-private:
    static DebugControl* find(const std::string& name, bool wildcard) {
       if (wildcard) {
          auto it = DebugControl::wildCardDebugsMap_->find(name);
@@ -399,26 +407,26 @@ private:
    }
 };
 
-void DebugControl::set(const std::string& name, const std::string& levels) {
+namespace {
+// Parses a registry change ("Name" or "Prefix*", and level characters) and applies it
+// under the library lock.
+void changeRegistry(const std::string& name, const std::string& levels,
+                    void (*change)(const std::string&, bool, uint32_t)) {
    bool wildcard = false;
-   const std::string base = parseName(name, wildcard);
-   const uint32_t bits = parseLevels(levels);
+   const std::string base = DebugControl::parseName(name, wildcard);
+   const uint32_t bits = DebugControl::parseLevels(levels);
    Platform::LocoGuard guard;
-   initialize();
-   DebugRegistry::set(base, wildcard, bits);
+   DebugControl::initialize();
+   change(base, wildcard, bits);
+}
+}  // namespace
+
+void DebugControl::set(const std::string& name, const std::string& levels) {
+   changeRegistry(name, levels, &DebugRegistry::set);
 }
 
 void DebugControl::clear(const std::string& name, const std::string& levels) {
-   bool wildcard = false;
-   const std::string base = parseName(name, wildcard);
-   const uint32_t bits = parseLevels(levels);
-   Platform::LocoGuard guard;
-   initialize();
-   if (wildcard) {
-      DebugRegistry::clearWildcard(base, bits);
-   } else {
-      DebugRegistry::clearExact(base, bits);
-   }
+   changeRegistry(name, levels, &DebugRegistry::clear);
 }
 
 std::string DebugControl::displayString() const {

@@ -58,22 +58,26 @@ inline const DebugHandler& handlerRef(const Korvo::Impl::ComponentDebug& debug) 
    [[maybe_unused]] static const bool var##MadeAtLoad_ = (var.make(), true)
 
 // Traces "where:line msg" at `level` on `handler`, `where` being a literal
-// "Class::method": the line leads back to its site without the line-info field.
-// The text is built in an out-of-line cold function, so that a hot path that traces
-// keeps a small frame and makes no call while the level is off.
-#define KORVO_SITE_TRACE(handler, level, where, msg)                                \
-   do {                                                                             \
-      const ::Korvo::Platform::DebugHandler& korvoSiteH_ =                          \
-          ::Korvo::Platform::Impl::handlerRef(handler);                             \
-      if (__builtin_expect(korvoSiteH_.enabled(level), 0)) {                        \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) { \
-            ::Korvo::Platform::Impl::TraceStream korvoSiteL_;                       \
-            ::Korvo::Platform::DebugStream& korvoSiteS_ = korvoSiteL_.stream();     \
-            korvoSiteS_ << where ":" << line << " " << msg;                         \
-            korvoSiteH_.dump(korvoSiteS_, (level), __FILE__, line, func);           \
-         }                                                                          \
-         ();                                                                        \
-      }                                                                             \
+// "Class::method": the line leads back to its site without the line-info field. For
+// member functions. The text is built in an out-of-line cold function, so that a hot
+// path that traces keeps a small frame and makes no call while the level is off; that
+// function copies what it prints, since a reference would pin those values to the
+// stack on the hot path too.
+#define KORVO_SITE_TRACE(handler, level, where, msg)                            \
+   do {                                                                         \
+      const ::Korvo::Platform::DebugHandler& korvoSiteH_ =                      \
+          ::Korvo::Platform::Impl::handlerRef(handler);                         \
+      if (__builtin_expect(korvoSiteH_.enabled(level), 0)) {                    \
+         [ =, this, &korvoSiteH_, func = __func__, line = __LINE__ ]()          \
+             __attribute__((noinline, cold)) {                                  \
+            (void)this;                                                         \
+            ::Korvo::Platform::Impl::TraceStream korvoSiteL_;                   \
+            ::Korvo::Platform::DebugStream& korvoSiteS_ = korvoSiteL_.stream(); \
+            korvoSiteS_ << where ":" << line << " " << msg;                     \
+            korvoSiteH_.dump(korvoSiteS_, (level), __FILE__, line, func);       \
+         }                                                                      \
+         ();                                                                    \
+      }                                                                         \
    } while (0)
 
 #endif

@@ -361,19 +361,6 @@ LibeventFdControl::~LibeventFdControl() {
 
 namespace {
 
-// Points `ev` at `fd` for `what` and adds it. libevent refuses some descriptors (epoll
-// takes no regular files); the watch is then simply not there, which we trace rather
-// than let the loop wait for an event that cannot come.
-void armFdEvent(event* ev, int fd, short what, event_callback_fn callback, void* control) {
-   event_del(ev);
-   event_assign(ev, event_get_base(ev), fd, what, callback, control);
-   if (event_add(ev, nullptr) != 0) {
-      KORVO_SITE_TRACE(leDebug, 1, "LibeventFdControl::armFdEvent",
-                       "Fd " << DisplayPointer(control) << " cannot watch fd " << fd << " for "
-                             << ((what & EV_READ) ? "reads" : "writes"));
-   }
-}
-
 // Withdraws the watch and forgets its descriptor.
 void disarmFdEvent(event* ev, event_callback_fn callback, void* control) {
    event_del(ev);
@@ -382,13 +369,26 @@ void disarmFdEvent(event* ev, event_callback_fn callback, void* control) {
 
 }  // namespace
 
+// Points `ev` at the descriptor for `what` and adds it. libevent refuses some
+// descriptors (epoll takes no regular files); the watch is then simply not there, which
+// we trace rather than let the loop wait for an event that cannot come.
+void LibeventFdControl::armFdEvent(event* ev, short what, event_callback_fn callback) {
+   event_del(ev);
+   event_assign(ev, event_get_base(ev), fd_, what, callback, this);
+   if (event_add(ev, nullptr) != 0) {
+      KORVO_SITE_TRACE(leDebug, 1, "LibeventFdControl::armFdEvent",
+                       "Fd " << DisplayPointer(this) << " cannot watch fd " << fd_ << " for "
+                             << ((what & EV_READ) ? "reads" : "writes"));
+   }
+}
+
 void LibeventFdControl::armRead() {
-   armFdEvent(&readEvent_, fd_, EV_READ | EV_PERSIST, &LibeventFdControl::handleFdRead, this);
+   armFdEvent(&readEvent_, EV_READ | EV_PERSIST, &LibeventFdControl::handleFdRead);
 }
 
 void LibeventFdControl::armWrite() {
    // Deliberately without EV_PERSIST: a write watch is spent after one event.
-   armFdEvent(&writeEvent_, fd_, EV_WRITE, &LibeventFdControl::handleFdWrite, this);
+   armFdEvent(&writeEvent_, EV_WRITE, &LibeventFdControl::handleFdWrite);
 }
 
 void LibeventFdControl::setFd(int fd) {
@@ -413,26 +413,25 @@ void LibeventFdControl::setFd(int fd) {
 void LibeventFdControl::setReads(bool on) {
    owner_.check("setReads");
    reads_ = on;
-   if (fd_ < 0) {
-      return;
-   }
-   if (!on) {
-      disarmFdEvent(&readEvent_, &LibeventFdControl::handleFdRead, this);
-   } else if (!event_pending(&readEvent_, EV_READ, nullptr)) {
-      armRead();
-   }
+   watchIs(on, &readEvent_, EV_READ, &LibeventFdControl::handleFdRead, &LibeventFdControl::armRead);
 }
 
 void LibeventFdControl::setWrites(bool on) {
    owner_.check("setWrites");
    writes_ = on;
+   watchIs(on, &writeEvent_, EV_WRITE, &LibeventFdControl::handleFdWrite,
+           &LibeventFdControl::armWrite);
+}
+
+void LibeventFdControl::watchIs(bool on, event* ev, short what, event_callback_fn callback,
+                                void (LibeventFdControl::*arm)()) {
    if (fd_ < 0) {
       return;
    }
    if (!on) {
-      disarmFdEvent(&writeEvent_, &LibeventFdControl::handleFdWrite, this);
-   } else if (!event_pending(&writeEvent_, EV_WRITE, nullptr)) {
-      armWrite();
+      disarmFdEvent(ev, callback, this);
+   } else if (!event_pending(ev, what, nullptr)) {
+      (this->*arm)();
    }
 }
 

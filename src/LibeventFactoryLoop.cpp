@@ -55,24 +55,6 @@ void dispatch(event_base* base) {
    }
 }
 
-// A break event on the stack, removed whichever way the dispatch is left.
-class BreakEvent {
-public:
-   BreakEvent(event_base* base, const timeval& after) {
-      event_assign(&event_, base, -1, 0, &EvLoopBreak::handleBaseLoopBreak, &event_);
-      event_add(&event_, &after);
-   }
-   ~BreakEvent() {
-      event_del(&event_);
-      event_debug_unassign(&event_);
-   }
-   BreakEvent(const BreakEvent&) = delete;
-   BreakEvent& operator=(const BreakEvent&) = delete;
-
-private:
-   event event_;
-};
-
 }  // namespace
 
 bool leLoopRunning() {
@@ -106,7 +88,7 @@ void EvLoopBreak::handleBaseLoopBreak(evutil_socket_t, short, void* breakEvent) 
 void eventLoopTimeout(double seconds) {
    const timeval span = timevalFromSeconds(seconds, "eventLoopTimeout");
    leInit();
-   BreakEvent breakEvent(leState.base, span);
+   ScopedTimerEvent breakEvent(leState.base, span, &EvLoopBreak::handleBaseLoopBreak);
    dispatch(leState.base);
 }
 
@@ -178,7 +160,7 @@ void eventLoopFastForward(const timeval* delta) {
    applyFastForwardDelta(delta);
    // One pass: everything now due runs, then the zero-timeout break, added after the
    // jump and so due no earlier than any of them, ends the loop.
-   BreakEvent breakEvent(leState.base, timeval{0, 0});
+   ScopedTimerEvent breakEvent(leState.base, timeval{0, 0}, &EvLoopBreak::handleBaseLoopBreak);
    dispatch(leState.base);
 }
 

@@ -32,25 +32,15 @@ int64_t expiryOf(const event* ev) {
 // get, so it marks "now" on the base's own scale for as long as it is pending.
 class NowMark {
 public:
-   explicit NowMark(event_base* base) {
-      event_assign(&event_, base, -1, 0, &ignoreEvent, nullptr);
-      const timeval zero{0, 0};
-      event_add(&event_, &zero);
-   }
-   ~NowMark() {
-      event_del(&event_);
-      event_debug_unassign(&event_);
-   }
-   NowMark(const NowMark&) = delete;
-   NowMark& operator=(const NowMark&) = delete;
+   explicit NowMark(event_base* base) : event_(base, timeval{0, 0}, &ignoreEvent) {}
 
-   const event* mark() const { return &event_; }
-   int64_t now() const { return expiryOf(&event_); }
+   const event* mark() const { return event_.get(); }
+   int64_t now() const { return expiryOf(event_.get()); }
    // How far `ev` expires after the mark, free of the wall-clock offset.
    int64_t after(const event* ev) const { return expiryOf(ev) - now(); }
 
 private:
-   event event_;
+   ScopedTimerEvent event_;
 };
 
 struct PendingTimeout {

@@ -242,10 +242,17 @@ void TaskScheduler::tasksPerPriorityInc(TaskPriority p) {
    ++tasksPerPriority_[p];
 }
 
-void TaskScheduler::tasksPerPriorityDec(TaskPriority p) {
-   uint32_t& n = tasksPerPriority_[p];
+namespace {
+template <typename Counts>
+void countDec(Counts& counts, TaskPriority p) {
+   uint32_t& n = counts[p];
    KORVO_ASSERT(n > 0, "Priority: " << p << " count: " << n);
    --n;
+}
+}  // namespace
+
+void TaskScheduler::tasksPerPriorityDec(TaskPriority p) {
+   countDec(tasksPerPriority_, p);
 }
 
 void TaskScheduler::deadTasksPerPriorityInc(TaskPriority p) {
@@ -253,9 +260,7 @@ void TaskScheduler::deadTasksPerPriorityInc(TaskPriority p) {
 }
 
 void TaskScheduler::deadTasksPerPriorityDec(TaskPriority p) {
-   uint32_t& n = deadTasksPerPriority_[p];
-   KORVO_ASSERT(n > 0, "Priority: " << p << " count: " << n);
-   --n;
+   countDec(deadTasksPerPriority_, p);
 }
 
 // ---------------------------------------------------------------------------------

@@ -25,8 +25,11 @@
  * cascades at most once.
  *
  * Since a pending record's tick is always after now and an expired one's never is, the tick
- * tells which it is; a record spliced onto the expired queue keeps a stale list index, which is
- * only ever read while the record is pending.
+ * tells which it is. A record spliced onto the expired queue keeps a stale list index (setting
+ * each would make the splice O(records)); only the queue's first record is given index 0, so that
+ * every record that heads a list has that list's index and a removal finds the head to move
+ * with one comparison. A stale index names a slot the record is no longer on, so it never
+ * names a list the record heads.
  *
  * A 256-bit bitmap per level marks the non-empty slots, and a 28-bit summary marks its non-zero
  * 64-bit words, so finding the lowest non-empty slot of a level is two ctz.
@@ -165,17 +168,24 @@ static inline void place(struct timeouts* T, struct timeout* to) {
    listAppend(&T->lists[list], to);
 }
 
-/* A record first on its list changes the list head (and the bitmaps when it is alone); any
- * other is taken out in place. See timeouts_del for how a first record is recognised. */
+/* Same as the header's timeouts_del; a record alone on its list empties it, which may also clear
+ * the slot's bitmap bit. */
 static inline void unlinkFrom(struct timeouts* T, struct timeout* to) {
-   if (T->lists[to->list] != to && T->lists[EXPIRED_LIST] != to) {
-      to->prev->next = to->next;
-      to->next->prev = to->prev;
+   struct timeout* next = to->next;
+   unsigned list = to->list;
+   if (next == to) {
+      T->lists[list] = NULL;
+      if (list - FIRST_SLOT < SLOTS)
+         slotClear(T, list - FIRST_SLOT);
       return;
    }
-   unsigned list = to->expires <= T->now ? (unsigned)EXPIRED_LIST : to->list;
-   if (listRemove(&T->lists[list], to) && list - FIRST_SLOT < SLOTS)
-      slotClear(T, list - FIRST_SLOT);
+   struct timeout* prev = to->prev;
+   prev->next = next;
+   next->prev = prev;
+   if (T->lists[list] == to) {
+      T->lists[list] = next;
+      next->list = list;
+   }
 }
 
 /* --- Records ------------------------------------------------------------------------------ */
@@ -308,6 +318,7 @@ static void expireSlot(struct timeouts* T, unsigned list) {
    struct timeout* head = T->lists[EXPIRED_LIST];
    if (!head) {
       T->lists[EXPIRED_LIST] = first;
+      first->list = EXPIRED_LIST;
       warm(first);
       return;
    }
@@ -416,7 +427,8 @@ struct timeout* timeouts_get(struct timeouts* T) {
    struct timeout* to = T->lists[EXPIRED_LIST];
    if (!to)
       return NULL;
-   listRemove(&T->lists[EXPIRED_LIST], to);
+   if (!listRemove(&T->lists[EXPIRED_LIST], to))
+      T->lists[EXPIRED_LIST]->list = EXPIRED_LIST;
    if (!(to->flags & TIMEOUT_INT) || !to->interval || !rearm(T, to))
       to->timeouts = NULL;
    return to;
@@ -495,8 +507,8 @@ static bool checkRecord(const struct timeouts* T, unsigned list, const struct ti
          (const void*)to->next->prev);
    CHECK(to->timeouts == T, "list %u: record %p: wheel is %p, expected %p", list, (const void*)to,
          (const void*)to->timeouts, (const void*)T);
-   CHECK(list == EXPIRED_LIST || to->list == list, "list %u: record %p: records list %u", list,
-         (const void*)to, to->list);
+   CHECK(to->list == list || (list == EXPIRED_LIST && T->lists[list] != to),
+         "list %u: record %p: records list %u", list, (const void*)to, to->list);
    unsigned expected = listOf(to->expires, T->now);
    CHECK(expected == list, "list %u: record %p: tick %llu at now %llu belongs on list %u", list,
          (const void*)to, (unsigned long long)to->expires, (unsigned long long)T->now, expected);

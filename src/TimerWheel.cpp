@@ -26,7 +26,7 @@ KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
-         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
+         [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {   \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \
@@ -181,6 +181,12 @@ TimerWheel::TimerWheel() : error_(0), masterExpiry_(TimerWheelEvent::infinity())
 
 TimerWheel::~TimerWheel() {
    masterTimer_->delTimeout();
+   while (!started_.empty()) {
+      TimerWheelEvent& event = started_.front();
+      started_.pop_front();
+      event.stateIs(TimerWheelState::notLinked);
+      event.expirationTime_ = TimerWheelEvent::infinity();
+   }
    // Whatever is still linked is forgotten, not fired: its owners are going too.
    for (auto& [time, list] : timersExpiringSoon_) {
       while (!list.empty()) {
@@ -202,7 +208,11 @@ void TimerWheel::setCurrentTime() {
 inline void TimerWheel::unlink(TimerWheelEvent* event) {
    // The common case inline; the others out of line.
    if (__builtin_expect((event->record_.flags & stateFlags) == inTimerWheelFlag, 1)) {
-      timeouts_del(wheel_, &event->record_);
+      if (event->record_.timeouts != nullptr) {
+         timeouts_del(wheel_, &event->record_);
+      } else {
+         started_.erase(started_.iterator_to(*event));
+      }
       event->record_.flags = (event->record_.flags & ~stateFlags) | notLinkedFlag;
    } else {
       unlinkOther(event);
@@ -221,14 +231,17 @@ void TimerWheel::unlinkOther(TimerWheelEvent* event) {
    }
 }
 
-void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
-   timerStartAt(event, libraryTime() + delay);
-}
-
-void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
-   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
-   // Like the libevent controls, a time in the past means "due at once".
-   expiry = std::max(expiry, 0.0);
+// The whole start, inline in both entry points (and the wheel's own control). A
+// start is one dependent chain from the clock read on, and the next clock read waits
+// for it; so the start only notes the expiry and appends the timer to the started
+// list, which does not depend on the clock, and leaves the tick and the wheel's
+// lists to addStarted().
+[[gnu::always_inline]] inline void TimerWheel::startAt(TimerWheelEvent* event, double expiry) {
+   // Like the libevent controls, a time in the past means "due at once"; NaN fails
+   // this one comparison too.
+   if (__builtin_expect(!(expiry > 0.0), 0)) {
+      expiry = pastExpiry(event, expiry);
+   }
    if (expiry == event->expirationTime_) {
       return;
    }
@@ -236,11 +249,10 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
       unlink(event);
    }
    event->expirationTime_ = expiry;
-   const timeout_t tick = expiryTick(expiry);
    KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStart",
                     "timer " << DisplayPointer(event) << " set timeout " << expiry - Korvo::time()
-                             << " expire at " << expiry << " tick " << tick);
-   timeouts_add(wheel_, &event->record_, tick);
+                             << " expire at " << expiry << " tick " << expiryTick(expiry));
+   started_.push_back(*event);
    // unlink() left it notLinked, so this is stateIs(inTimerWheel) without the checks.
    event->record_.flags = (event->record_.flags & ~stateFlags) | inTimerWheelFlag;
    if (masterExpiry_ > expiry) {
@@ -248,7 +260,28 @@ void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
    }
 }
 
-void TimerWheel::timerStop(TimerWheelEvent* event) {
+void TimerWheel::addStarted() {
+   while (!started_.empty()) {
+      TimerWheelEvent& event = started_.front();
+      started_.pop_front();
+      timeouts_add(wheel_, &event.record_, expiryTick(event.expirationTime_));
+   }
+}
+
+double TimerWheel::pastExpiry(TimerWheelEvent* event, double expiry) const {
+   WHEEL_ASSERT(!std::isnan(expiry), "timer " << DisplayPointer(event) << " expiry is NaN");
+   return 0.0;
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double delay) {
+   startAt(event, libraryTime() + delay);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* event, double expiry) {
+   startAt(event, expiry);
+}
+
+[[gnu::always_inline]] inline void TimerWheel::stop(TimerWheelEvent* event) {
    if (!event->running()) {
       KORVO_SITE_TRACE(wheelDebug, 9, "TimerWheel::timerStop",
                        "timer " << DisplayPointer(event) << " del timeout, not running");
@@ -258,6 +291,10 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
                     "timer " << DisplayPointer(event) << " del timeout");
    unlink(event);
    event->expirationTime_ = TimerWheelEvent::infinity();
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+   stop(event);
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) const {
@@ -298,6 +335,7 @@ void TimerWheel::runDueExpiringSoon(double now) {
 void TimerWheel::timeout() {
    KORVO_SITE_TRACE(wheelDebug, 8, "TimerWheel::timeout", "master timer expired");
    const double now = Korvo::time();
+   addStarted();
    timeouts_update(wheel_, currentTick(now));
    moveExpiredToExpiringSoon();
    try {
@@ -338,6 +376,7 @@ void TimerWheel::eraseFirstExpiringSoon() {
 
 void TimerWheel::setMasterTimer() {
    const double now = Korvo::time();
+   addStarted();
    timeouts_update(wheel_, currentTick(now));
    dropEmptyExpiringSoon();
    // The earliest of three: the first exact expiry waiting in the expiring-soon
@@ -401,16 +440,14 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
    return *perProcess;
 }
 
-namespace {
-
 class TimerWheelTimerControl final : public Platform::TimerControl, public TimerWheelEvent {
 public:
    TimerWheelTimerControl(Platform::TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
        : handler_(handler), wheel_(std::move(wheel)) {}
    ~TimerWheelTimerControl() override { wheel_->timerStop(this); }
 
-   void setTimeout(double seconds) override { wheel_->timerStart(this, seconds); }
-   void delTimeout() override { wheel_->timerStop(this); }
+   void setTimeout(double seconds) override { wheel_->startAt(this, libraryTime() + seconds); }
+   void delTimeout() override { wheel_->stop(this); }
    double remainingTimeout() const override { return TimerWheelEvent::remainingTimeout(); }
    void timeout() override { handler_->timeout(); }
 
@@ -418,8 +455,6 @@ private:
    Platform::TimeoutHandler* handler_;
    std::shared_ptr<TimerWheel> wheel_;
 };
-
-}  // namespace
 
 namespace Platform {
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,

@@ -332,25 +332,22 @@ private:
 
 // fmt-style trace: KORVO_FMTRACE(handler, level, "x={} y={}", x, y). The format must be
 // a constant string; it is checked against the arguments at compile time.
-#define KORVO_FMTRACE(handler, level, format, ...)                                               \
-   do {                                                                                          \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                      \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                          \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                    \
-         ::Korvo::Fmt::Impl::fmtrace(&korvoTraceH_, (level), __FILE__, false, __func__, nullptr, \
-                                     __LINE__, format __VA_OPT__(, ) __VA_ARGS__);               \
-      }                                                                                          \
-   } while (0)
+#define KORVO_FMTRACE(handler, level, format, ...) \
+   KORVO_FMTRACE_WITH(handler, level, false, nullptr, format __VA_OPT__(, ) __VA_ARGS__)
 
 // As KORVO_FMTRACE, prefixed with "Class::function() ".
-#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...)                               \
-   do {                                                                                           \
-      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                       \
-          ::Korvo::Platform::Impl::handlerRef(handler);                                           \
-      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                     \
-         ::Korvo::Fmt::Impl::fmtrace(&korvoTraceH_, (level), __FILE__, true, __func__, className, \
-                                     __LINE__, format __VA_OPT__(, ) __VA_ARGS__);                \
-      }                                                                                           \
+#define KORVO_FMTRACE_CLASS(handler, level, className, format, ...) \
+   KORVO_FMTRACE_WITH(handler, level, true, className, format __VA_OPT__(, ) __VA_ARGS__)
+
+// The body of both.
+#define KORVO_FMTRACE_WITH(handler, level, withClass, className, format, ...)                 \
+   do {                                                                                       \
+      const ::Korvo::Platform::DebugHandler& korvoTraceH_ =                                   \
+          ::Korvo::Platform::Impl::handlerRef(handler);                                       \
+      if (__builtin_expect(korvoTraceH_.enabled(level), 0)) {                                 \
+         ::Korvo::Fmt::Impl::fmtrace(&korvoTraceH_, (level), __FILE__, withClass, __func__,   \
+                                     className, __LINE__, format __VA_OPT__(, ) __VA_ARGS__); \
+      }                                                                                       \
    } while (0)
 
 #endif

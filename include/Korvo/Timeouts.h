@@ -27,7 +27,7 @@
  * moved into the wheel when now gets there. Parked records never fire early.
  *
  * Costs: add, delete, re-add, timeouts_get and timeouts_timeout are O(1); delete is inline
- * and makes no call unless the record is first on its list. An update costs O(1)
+ * and makes no call unless the record is alone on its list. An update costs O(1)
  * per level and per slot that comes due (a slot due as a whole joins the expired queue in one
  * step, whatever its length), plus O(1) per record it moves down a level. A record moves down at
  * most once per level it starts above, so a timeout of fewer than 65536 ticks cascades at most
@@ -146,27 +146,35 @@ KORVO_EXPORT timeout_t timeouts_timeout(const struct timeouts* T);
  * the expired queue. */
 KORVO_EXPORT void timeouts_add(struct timeouts* T, struct timeout* to, timeout_t tick);
 
-/* The out-of-line part of timeouts_del, for the first record of a list (the list head, and
- * maybe the wheel's bitmaps, change). Call timeouts_del instead. */
+/* The out-of-line part of timeouts_del, for a record alone on its list (the list empties and
+ * the wheel's bitmaps change). Call timeouts_del instead. */
 KORVO_EXPORT void timeouts_del_slow(struct timeout* to);
 
 /* Unlinks the record, pending or expired; does nothing when it is idle. The record is unlinked
  * from the wheel it is on, which must be T. Inline, and without a call unless the record is
- * first on its list. */
+ * alone on its list. */
 static inline void timeouts_del(struct timeouts* T, struct timeout* to) {
    (void)T;
-   if (!to->timeouts)
+   struct timeouts* wheel = to->timeouts;
+   if (!wheel)
       return;
-   /* The wheel begins with its list heads, the expired queue's at index 0. A record heads
-    * either the list its index names (pending) or the expired queue (its index is then
-    * stale, but never names a list it heads). */
-   struct timeout* const* heads = (struct timeout* const*)(const void*)to->timeouts;
-   if (heads[to->list] == to || heads[0] == to) {
+   struct timeout* next = to->next;
+   if (next == to) {
       timeouts_del_slow(to);
       return;
    }
-   to->prev->next = to->next;
-   to->next->prev = to->prev;
+   struct timeout* prev = to->prev;
+   prev->next = next;
+   next->prev = prev;
+   /* The wheel begins with its list heads. A record heads at most the list its index names
+    * (the expired queue's first record has index 0; the other expired records keep a stale
+    * index, which never names a list they head). The successor inherits the index with the
+    * head. */
+   struct timeout** head = (struct timeout**)(void*)wheel + to->list;
+   if (*head == to) {
+      *head = next;
+      next->list = to->list;
+   }
    to->timeouts = NULL;
 }
 

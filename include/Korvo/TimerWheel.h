@@ -21,6 +21,10 @@
 // never within the pass that is running.
 //
 // Costs: a start reads the clock once; start and stop are O(1) and never allocate.
+// A start only appends the timer to a list of started timers, which enter the wheel
+// the next time the master timer is set or fires (never later than their expiry,
+// since a start before the master timer's expiry sets it): a timer stopped or
+// restarted before then never touches the wheel.
 // An expiry costs O(log k) for k distinct expiry times waiting in the
 // expiring-soon map (a few per tick); the map reuses its nodes, so steady
 // operation allocates nothing.
@@ -46,6 +50,7 @@ KORVO_EXPORT std::ostream& operator<<(std::ostream& os, TimerWheelState state);
 
 class TimerWheel;
 class TimersAtTimeout;
+class TimerWheelTimerControl;
 
 // One timer of a wheel. Derive and implement timeout(); an event must be stopped
 // (notLinked) before it is destroyed.
@@ -82,6 +87,7 @@ private:
 
    struct timeout record_;
    TimersAtTimeout* timersAtTimeout_;
+   // In the wheel's list of started timers, or in a TimersAtTimeout: never both.
    boost::intrusive::list_member_hook<> expiringSoonLink_;
    double expirationTime_;
 };
@@ -143,10 +149,19 @@ public:
    static timeout_t expiryTick(double expiry);
 
 private:
+   // The wheel's own timer control starts and stops through the inline paths.
+   friend class TimerWheelTimerControl;
+
    void timeout() override;
+   void startAt(TimerWheelEvent* event, double expiry);
+   void stop(TimerWheelEvent* event);
+   // The expiry for a start at or before time 0 (0); NaN is an assertion failure.
+   double pastExpiry(TimerWheelEvent* event, double expiry) const;
    // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
    void unlink(TimerWheelEvent* event);
    void unlinkOther(TimerWheelEvent* event);
+   // Moves the started timers into the wheel, in start order.
+   void addStarted();
    void moveExpiredToExpiringSoon();
    void runDueExpiringSoon(double now);
    void dropEmptyExpiringSoon();
@@ -163,6 +178,14 @@ private:
    // Nodes of erased entries, reused for new ones: the map allocates only beyond
    // the most distinct expiry times it ever held at once.
    std::vector<ExpiringSoon::node_type> spareEntries_;
+   // Started since the wheel was last brought up to date (state inTimerWheel, record
+   // not yet on the wheel).
+   boost::intrusive::list<
+       TimerWheelEvent,
+       boost::intrusive::member_hook<TimerWheelEvent, boost::intrusive::list_member_hook<>,
+                                     &TimerWheelEvent::expiringSoonLink_>,
+       boost::intrusive::constant_time_size<false>>
+       started_;
 };
 
 // The wheel of this thread (thread-local singletons) or of the process.
