@@ -1,31 +1,14 @@
 // File-descriptor tasks on real pipes, driven by passes of the real loop.
 
-#include <Korvo/Allocator.h>
 #include <Korvo/FileDescriptorTask.h>
-#include <Korvo/TaskScheduler.h>
 
-#include "PlatformTestSupport.h"
+#include "TaskTestSupport.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <functional>
-#include <stdexcept>
-#include <string>
 #include <thread>
 
 namespace {
 
-using Korvo::TaskPriority;
-using KorvoTest::assertionText;
-
-// Passes of the loop: descriptors need no time, only passes (one task runs per pass).
-void pump(int passes = 20) {
-   for (int i = 0; i < passes; ++i) {
-      Korvo::Platform::doEventLoop(0.0);
-   }
-}
+using namespace KorvoTest;
 
 class FdTask : public Korvo::FileDescriptorTask {
 public:
@@ -48,13 +31,13 @@ public:
 
 class FdTaskTest : public ::testing::Test {
 protected:
-   KorvoTest::ThrowOnAssert throwing_;
+   ThrowOnAssert throwing_;
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("fdRoot");
    std::shared_ptr<FdTask> task_ = Korvo::makeShared<FdTask>(root_, "fd");
 };
 
 TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
-   KorvoTest::Pipe pipe;
+   Pipe pipe;
    pipe.put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
    // A fresh task watches no direction, so a readable descriptor reports nothing.
    task_->taskWatchFdIs(pipe.readFd());
@@ -99,7 +82,7 @@ TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
 }
 
 TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
-   KorvoTest::Pipe pipe;
+   Pipe pipe;
    task_->taskWatchFdIs(pipe.readFd());
    const std::pair<std::function<void()>, std::string> cases[] = {
        {[&] { task_->readFdEvent(pipe.readFd()); },
@@ -116,11 +99,11 @@ TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
         "Notified about 99 watching " + std::to_string(pipe.readFd())},
    };
    for (const auto& [call, message] : cases) {
-      EXPECT_THAT(assertionText(call), ::testing::HasSubstr(message));
+      EXPECT_THAT(assertionText(call), HasSubstr(message));
    }
    std::thread([&] {
       EXPECT_THAT(assertionText([&] { task_->taskWatchReadableIs(false); }),
-                  ::testing::HasSubstr("Executing in wrong thread "));
+                  HasSubstr("Executing in wrong thread "));
    }).join();
    EXPECT_TRUE(task_->taskWatchReadable());
 }
@@ -128,13 +111,13 @@ TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
 // A closed and reused number is watched afresh; a handler exception leaves the
 // task unusable; a handler may drop the last reference to its task.
 TEST_F(FdTaskTest, ReusedNumbersExceptionsAndSelfRelease) {
-   auto pipe = std::make_unique<KorvoTest::Pipe>();
+   auto pipe = std::make_unique<Pipe>();
    const int fd = pipe->readFd();
    task_->taskWatchReadableIs(true);
    task_->taskWatchFdIs(fd);
    task_->taskWatchFdDel();
    pipe.reset();
-   pipe = std::make_unique<KorvoTest::Pipe>();
+   pipe = std::make_unique<Pipe>();
    ASSERT_EQ(pipe->readFd(), fd);
    pipe->put("0123456789abcdefghijklmnopqrstuvwxyz");
    task_->taskWatchFdIs(fd);
@@ -143,7 +126,7 @@ TEST_F(FdTaskTest, ReusedNumbersExceptionsAndSelfRelease) {
    EXPECT_EQ(task_->reads, 1);
    // Data remains: the next run finds the previous one still marked in progress.
    root_->requestSchedulerRun();
-   EXPECT_THAT(assertionText([&] { pump(); }), ::testing::HasSubstr("Executing task already set"));
+   EXPECT_THAT(assertionText([&] { pump(); }), HasSubstr("Executing task already set"));
    task_ = Korvo::makeShared<FdTask>(root_, "fd2");
    std::weak_ptr<FdTask> weak = task_;
    task_->taskWatchReadableIs(true);

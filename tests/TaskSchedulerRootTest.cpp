@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <future>
 #include <sstream>
 #include <thread>
 
@@ -47,10 +46,8 @@ TEST(RootSlotTest, EachThreadGetsItsOwnNamedRoot) {
       std::ostringstream id;
       id << "thread:" << std::this_thread::get_id();
       EXPECT_EQ(other.lock()->schedulerName().str(), id.str());
-      EXPECT_FALSE(other.lock()->isMainThread());
    }).join();
    EXPECT_TRUE(other.expired());  // the thread's slot let go of its root when it ended
-   EXPECT_NE(Korvo::schedulerRootKorvoNonShared("separate"), main);
 }
 
 TEST_F(RootTest, RegistryAndThreadBinding) {
@@ -81,64 +78,17 @@ TEST_F(RootTest, RegistryAndThreadBinding) {
    Korvo::auxThreadCount = 0;
    EXPECT_TRUE(t->taskScheduled() && rooted->taskScheduled());
    t->unscheduleTask();
+   // A child forked by another thread is that thread alone, but in another process.
+   std::thread([&] {
+      const pid_t child = fork();
+      if (child == 0) {
+         _exit(assertionText([&] { t->scheduleTask(); }).empty() ? 0 : 1);
+      }
+      int status = 0;
+      EXPECT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+   }).join();
    rooted->unscheduleTask();
-}
-
-TEST(RootForkTest, AForkedChildPassesTheThreadCheck) {
-   ThrowOnAssert throwing;
-   // The root and its task are made, and in the end destroyed, by a helper thread.
-   std::promise<std::shared_ptr<LambdaTask>> made;
-   std::promise<void> done;
-   std::thread owner([&] {
-      thread_local EventBaseOfThisThread base;
-      auto root = Korvo::schedulerRootKorvoNonShared("forkRoot");
-      auto mine = Korvo::makeShared<LambdaTask>(root, TaskPriority::normal, "forked");
-      made.set_value(mine);
-      done.get_future().wait();
-   });
-   std::shared_ptr<LambdaTask> task = made.get_future().get();
-   EXPECT_THAT(assertionText([&] { task->scheduleTask(); }),
-               HasSubstr("Executing in wrong thread"));
-   const pid_t child = fork();
-   if (child == 0) {
-      // The child's only thread is not the owner, but the process is another one.
-      _exit(assertionText([&] { task->scheduleTask(); }).empty() ? 0 : 1);
-   }
-   int status = 0;
-   ASSERT_EQ(waitpid(child, &status, 0), child);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-   task.reset();
-   done.set_value();
-   owner.join();
-}
-
-TEST_F(RootTest, SuspensionHoldsEveryDispatchUntilResumed) {
-   auto a = makeTask(TaskPriority::normal, "a", {}, root_), b = makeTask(TaskPriority::normal, "b");
-   a->scheduleTask();
-   b->scheduleTask();
-   root_->suspendedIs(true);
-   root_->handleSchedulerRun();
-   const int requests = sched_->runRequests;
-   sched_->handleSchedulerRun();
-   EXPECT_EQ(a->runs + b->runs, 0);
-   EXPECT_EQ(sched_->runRequests, requests);  // an ignored run asks for nothing
-   EXPECT_EQ(lastEvent(), "schedulerRunIgnoredWhileSuspended testSched");
-   FakeClock::advance(5ms);
-   root_->suspendedIs(false);
-   EXPECT_EQ(root_->runRequestedAt(), FakeClock::now());
-   root_->handleSchedulerRun();
-   sched_->handleSchedulerRun();
-   EXPECT_EQ(a->runs + b->runs, 2);  // no new schedule was needed
-}
-
-TEST_F(RootTest, RandomPercentIsReproduciblePerRoot) {
-   auto other = Korvo::schedulerRootKorvoNonShared("other");
-   unsigned int seed = 0;
-   for (int i = 0; i < 2000; ++i) {
-      const int value = root_->randomPercent();
-      ASSERT_EQ(value, rand_r(&seed) / 21474836);
-      ASSERT_EQ(other->randomPercent(), value);
-   }
 }
 
 // Through the event loop: one task per callback, by priority, in turn with the loop's

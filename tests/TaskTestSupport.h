@@ -96,6 +96,13 @@ protected:
    std::shared_ptr<TestScheduler> sched_ = Korvo::makeShared<TestScheduler>("testSched", root_);
 };
 
+// Passes of the real loop: descriptors need no time, only passes (one task runs per pass).
+inline void pump(int passes = 20) {
+   for (int i = 0; i < passes; ++i) {
+      Korvo::Platform::doEventLoop(0.0);
+   }
+}
+
 }  // namespace KorvoTest
 
 #endif

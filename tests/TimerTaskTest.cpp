@@ -212,35 +212,8 @@ TEST_F(TimerTaskTest, BadInputFailsWithItsMessageOrIsBounded) {
    EXPECT_FALSE(t->taskBusy());
    t->scheduleTaskDelay(std::chrono::nanoseconds::max());
    EXPECT_EQ(t->timerRemaining(), inf);
-}
-
-TEST_F(TimerTaskTest, HandlersReArmAndReleaseTheirOwnTask) {
-   auto t = timer("self");
-   // Re-armed in the past from its own run: once more on the next pass, then done.
-   int rearms = 2;
-   t->body = [&](Timer& self) {
-      if (--rearms >= 0) {
-         self.scheduleTaskDelay(rearms == 1 ? -1.0 : 0.02);
-      }
-   };
-   t->scheduleTaskDelay(0.5);
-   doEventLoop(1.0);
-   ASSERT_EQ(t->runTimes.size(), 3u);
-   EXPECT_GE(t->runTimes[2], t->runTimes[1] + 0.02);
-   // Released by its own run while re-armed, or while armed or queued: nothing fires.
-   std::weak_ptr<Timer> weak = t;
-   t->body = [&](Timer& self) {
-      self.scheduleTaskDelay(0.1);
-      t.reset();
-   };
    t->scheduleTask();
-   auto armed = timer("armed"), queued = timer("queued");
-   armed->scheduleTaskDelay(0.1);
-   queued->scheduleTask();
-   armed.reset();
-   queued.reset();
-   doEventLoop(0.5);
-   EXPECT_TRUE(weak.expired());
+   EXPECT_LT(t->currentExpirationTime(), inf);  // "now" while queued
 }
 
 TEST_F(TimerTaskTest, PeriodicRunsDoNotDriftAndSkipMissedPeriods) {
