@@ -50,15 +50,19 @@ std::vector<double> randomDelays(size_t n) {
    return delays;
 }
 
-class CountingTimer : public Korvo::TimerTask {
+// A task of kind `Base` that counts its runs.
+template <typename Base>
+class RunCounting : public Base {
 public:
-   CountingTimer(std::shared_ptr<Korvo::TaskScheduler> s, uint64_t* runs)
-       : TimerTask(std::move(s), TaskPriority::normal, "bench"), runs_(runs) {}
+   RunCounting(std::shared_ptr<Korvo::TaskScheduler> s, uint64_t* runs)
+       : Base(std::move(s), TaskPriority::normal, "bench"), runs_(runs) {}
    void taskExecute() override { ++*runs_; }
 
 private:
    uint64_t* runs_;
 };
+using CountingTimer = RunCounting<Korvo::TimerTask>;
+using CountingTask = RunCounting<Korvo::Task>;
 
 struct Counting : P::TimeoutHandler {
    void timeout() override { ++runs; }
@@ -189,15 +193,6 @@ void BM_TimerTaskExpiryToRun(benchmark::State& state) {
 BENCHMARK(BM_TimerTaskExpiryToRun)->Unit(benchmark::kMillisecond);
 
 // The scheduler's share of the above: 100k plain tasks queued at once, run to the last.
-class CountingTask : public Korvo::Task {
-public:
-   CountingTask(std::shared_ptr<Korvo::TaskScheduler> s, uint64_t* runs)
-       : Task(std::move(s), TaskPriority::normal, "bench"), runs_(runs) {}
-   void taskExecute() override { ++*runs_; }
-
-private:
-   uint64_t* runs_;
-};
 
 void BM_QueuedTasksToRun(benchmark::State& state) {
    auto root = Korvo::schedulerRootKorvoNonShared("bench");

@@ -75,15 +75,19 @@ timeval timevalFromMicros(int64_t micros) {
    return tv;
 }
 
-timeval timevalFromSeconds(double seconds, const char* what) {
+namespace {
+// NaN fails naming `what`; a negative delay counts as 0, one above maxDelaySeconds is
+// clamped.
+double delaySeconds(double seconds, const char* what) {
    KORVO_ASSERT(!std::isnan(seconds), what << ": seconds is NaN");
-   if (!(seconds > 0.0)) {
-      return timeval{0, 0};
-   }
-   seconds = std::min(seconds, Platform::maxDelaySeconds);
+   return seconds > 0.0 ? std::min(seconds, Platform::maxDelaySeconds) : 0.0;
+}
+}  // namespace
+
+timeval timevalFromSeconds(double seconds, const char* what) {
    // Rounded, not truncated: 0.3 * 1e6 is 299999.99999999994, and a timer must not
    // fire a microsecond before the delay its caller wrote.
-   const auto micros = static_cast<int64_t>(seconds * 1e6 + 0.5);
+   const auto micros = static_cast<int64_t>(delaySeconds(seconds, what) * 1e6 + 0.5);
    timeval tv;
    tv.tv_sec = static_cast<time_t>(micros / 1000000);
    tv.tv_usec = static_cast<suseconds_t>(micros % 1000000);
@@ -91,11 +95,7 @@ timeval timevalFromSeconds(double seconds, const char* what) {
 }
 
 timeval timevalTruncatedFromSeconds(double seconds, const char* what) {
-   KORVO_ASSERT(!std::isnan(seconds), what << ": seconds is NaN");
-   if (!(seconds > 0.0)) {
-      return timeval{0, 0};
-   }
-   seconds = std::min(seconds, Platform::maxDelaySeconds);
+   seconds = delaySeconds(seconds, what);
    const double whole = std::trunc(seconds);
    timeval tv;
    tv.tv_sec = static_cast<time_t>(whole);

@@ -26,11 +26,20 @@ inline double clockStep() {
    return static_cast<double>(res.tv_sec) + static_cast<double>(res.tv_nsec) / 1e9;
 }
 
-// A client of timer and callback controls: notes by Korvo::time() when each call came, then
-// runs `then` (which may throw, re-arm or destroy its control).
-struct Handler : Korvo::Platform::TimeoutHandler, Korvo::Platform::CallbackHandler {
+// A client of every control: notes by Korvo::time() when each call came, then runs `then`
+// (which may throw, re-arm or destroy its control). A read takes one byte into `got`.
+struct Handler : Korvo::Platform::TimeoutHandler,
+                 Korvo::Platform::CallbackHandler,
+                 Korvo::Platform::FdEventHandler {
    void timeout() override { called(); }
    void callback() override { called(); }
+   void readFdEvent(int fd) override {
+      char c = 0;
+      EXPECT_EQ(::read(fd, &c, 1), 1);
+      got += c;
+      called();
+   }
+   void writeFdEvent(int) override { called(); }
    void called() {
       at.push_back(Korvo::time());
       if (then)
@@ -39,28 +48,22 @@ struct Handler : Korvo::Platform::TimeoutHandler, Korvo::Platform::CallbackHandl
    int calls() const { return static_cast<int>(at.size()); }
    std::function<void()> then;
    std::vector<double> at;
+   std::string got;
 };
 
-// What is traced on "KorvoLibevent" at `levels` while it lives, one line per trace as
-// "<level> <text>"; the default levels are back afterwards.
-class TraceCapture {
-public:
-   explicit TraceCapture(const char* levels = "9") : spec_(std::string("KorvoLibevent/") + levels) {
-      Korvo::Platform::setTraceFormat("level");
-      Korvo::Platform::setupKorvoDebug(spec_.c_str());
-      testing::internal::CaptureStderr();
-   }
-   std::string text() {
-      const std::string text = testing::internal::GetCapturedStderr();
-      Korvo::Platform::clearKorvoDebug(spec_.c_str());
-      Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");
-      Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
-      return text;
-   }
-
-private:
-   std::string spec_;
-};
+// What `call` traces on "KorvoLibevent" at `levels`, one line per trace as "<level> <text>".
+template <typename Call>
+std::string traced(const std::string& levels, Call&& call) {
+   Korvo::Platform::setTraceFormat("level");
+   Korvo::Platform::setupKorvoDebug(("KorvoLibevent/" + levels).c_str());
+   testing::internal::CaptureStderr();
+   call();
+   const std::string text = testing::internal::GetCapturedStderr();
+   Korvo::Platform::clearKorvoDebug(("KorvoLibevent/" + levels).c_str());
+   Korvo::Platform::setupKorvoDebug("KorvoLibevent/01");  // the defaults
+   Korvo::Platform::setTraceFormat("date,time,tid,handle,level");
+   return text;
+}
 
 // Fast-forward on for the scope (main thread only); off again afterwards.
 struct FastForwardOn {
@@ -68,20 +71,14 @@ struct FastForwardOn {
    ~FastForwardOn() { Korvo::Platform::setFastForward(false); }
 };
 
-class Pipe {
-public:
+struct Pipe {
    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
-   ~Pipe() {
-      for (const int fd : fds_)
-         ::close(fd);
-   }
+   ~Pipe() { ::close(fds_[0]), ::close(fds_[1]); }
    int readFd() const { return fds_[0]; }
    int writeFd() const { return fds_[1]; }
    void put(const std::string& bytes) {
       EXPECT_EQ(::write(fds_[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
    }
-
-private:
    int fds_[2] = {-1, -1};
 };
 
