@@ -22,12 +22,11 @@ constexpr uint32_t stateFlags = notLinkedFlag | inTimerWheelFlag | inTimersExpir
 KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
 
 // Assertion texts are built in an out-of-line cold lambda, so that the timer paths
-// that test them keep a small frame and no call when all is well. It copies what it
-// prints: a reference capture would pin those values to the stack on the hot path.
+// that test them keep a small frame and no call when all is well.
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
-         [ =, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {         \
+         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \
