@@ -27,6 +27,7 @@ KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
          [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {   \
+            (void)this;                                                                      \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \

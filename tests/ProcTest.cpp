@@ -113,7 +113,9 @@ TEST_F(ProcTest, ParsersOfProcTexts) {
         "startTimeFieldPos:19"},
    };
    for (const auto& [line, text] : malformed)
-      EXPECT_NE(KorvoTest::assertionText([&] { Util::startTimeFromStat(line, "f"); }).find(text),
+      EXPECT_NE(KorvoTest::assertionText([&, line = line] {
+                   Util::startTimeFromStat(line, "f");
+                }).find(text),
                 std::string::npos);
    std::istringstream status("State:\tS\nName:  a b \t\n");
    EXPECT_EQ(Util::titleFromStatus(status), "a b");
