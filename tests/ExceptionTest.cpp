@@ -1,13 +1,11 @@
 #include <Korvo/Exception.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <functional>
 
 #include "TestSupport.h"
-
-namespace {
 
 TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
    try {
@@ -21,26 +19,12 @@ TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
    EXPECT_STREQ(Korvo::Exception("", false).name(), "Korvo::Exception");
    EXPECT_STREQ(Korvo::NoPermissionException("").name(), "Korvo::NoPermissionException");
    EXPECT_STREQ(Korvo::OutOfRangeException("").name(), "Korvo::OutOfRangeException");
-   // A deep stack keeps its innermost frames only.
-   std::function<Korvo::Backtrace(int)> recurse = [&](int depth) {
-      Korvo::Backtrace b = depth ? recurse(depth - 1) : Korvo::Backtrace(true);
-      asm volatile("" ::: "memory");  // keeps the frames from being folded away
-      return b;
-   };
-   EXPECT_EQ(recurse(150).frames(), Korvo::Backtrace::maxFrames);
    EXPECT_EQ(Korvo::typeName(typeid(std::runtime_error).name()), "std::runtime_error");
    EXPECT_EQ(Korvo::typeName("not a mangled name !"),
              "Korvo::typeName() unable to demangle type not a mangled name ! status:-2");
 
-   EXPECT_EQ(KorvoTest::assertionText([] {
-                KORVO_ASSERT_IN("WidgetCpp", 1 + 1 == 3, "sum: " << 2);
-             }).rfind("WidgetCpp:operator():", 0),
-             0u);
-   Korvo::Platform::DebugStream s;
-   s << "plain";
-   EXPECT_EQ(KorvoTest::assertionText(
-                 [&] { Korvo::debugAndThrowAssertException(nullptr, 0, s, nullptr, nullptr, 7); }),
-             "::7: plain");
+   EXPECT_THAT(KorvoTest::assertionText([] { KORVO_ASSERT_IN("Widget", 1 + 1 == 3, "sum " << 2); }),
+               ::testing::MatchesRegex("Widget:operator\\(\\):[0-9]+: sum 2"));
 }
 
 TEST(ExceptionDeathTest, AssertionsAndUncaughtExceptionsAbortWithTheirStory) {
@@ -59,5 +43,3 @@ TEST(ExceptionDeathTest, AssertionsAndUncaughtExceptionsAbortWithTheirStory) {
    EXPECT_EQ(r.signal, SIGABRT);
    EXPECT_EQ(r.err.find("Backtrace:"), std::string::npos) << r.err;
 }
-
-}  // namespace

@@ -1,7 +1,7 @@
-# Harnesses for the /proc text parsers, run by CTest for a bounded number of
-# inputs. With clang (as the compiler, or as a clang++ found next to g++) each is
-# a libFuzzer target under AddressSanitizer; with g++ each is also linked with a
-# plain driver that feeds it seeds and inputs mutated from them, so CI exercises
+# Fuzz targets for the /proc text parsers, one per kind of text (its seeds), all
+# running one harness, run by CTest for a bounded number of inputs. With clang (as
+# the compiler, or as a clang++ found next to g++) each is a libFuzzer target under
+# AddressSanitizer; with g++ each is also linked with a plain driver that feeds it seeds and inputs mutated from them, so CI exercises
 # the same harness either way. The parser sources are compiled into the libFuzzer
 # targets so that the fuzzer sees their coverage.
 set(KORVO_FUZZ_RUNS 20000 CACHE STRING "Inputs each fuzz harness runs under CTest")
@@ -23,7 +23,7 @@ endfunction()
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   foreach(harness ${KORVO_FUZZ_HARNESSES})
-    add_executable(${harness} ${KORVO_FUZZ_DIR}/${harness}.cpp ${KORVO_FUZZ_PARSERS})
+    add_executable(${harness} ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS})
     target_compile_options(${harness} PRIVATE ${KORVO_WARNINGS} -fsanitize=fuzzer,address)
     target_link_options(${harness} PRIVATE -fsanitize=fuzzer,address)
     target_link_libraries(${harness} PRIVATE Korvo::Korvo)
@@ -33,7 +33,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
 endif()
 
 foreach(harness ${KORVO_FUZZ_HARNESSES})
-  add_executable(${harness}Driver ${KORVO_FUZZ_DIR}/${harness}.cpp ${KORVO_FUZZ_DIR}/FuzzDriver.cpp)
+  add_executable(${harness}Driver ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_DIR}/FuzzDriver.cpp)
   target_compile_options(${harness}Driver PRIVATE ${KORVO_WARNINGS})
   # The plain driver reaches the parsers in the library's own objects.
   target_link_libraries(${harness}Driver PRIVATE KorvoObjects)
@@ -53,9 +53,9 @@ foreach(harness ${KORVO_FUZZ_HARNESSES})
   add_custom_command(OUTPUT ${output}
     COMMAND ${KORVO_CLANGXX} -std=c++20 -g -O1 -Wall -Wextra -Werror
             -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-            -I${PROJECT_SOURCE_DIR}/include ${KORVO_FUZZ_DIR}/${harness}.cpp ${KORVO_FUZZ_PARSERS}
+            -I${PROJECT_SOURCE_DIR}/include ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS}
             $<TARGET_FILE:Korvo> -Wl,-rpath,$<TARGET_FILE_DIR:Korvo> -o ${output}
-    DEPENDS ${KORVO_FUZZ_DIR}/${harness}.cpp ${KORVO_FUZZ_DIR}/FuzzSupport.h ${KORVO_FUZZ_PARSERS} Korvo
+    DEPENDS ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS} Korvo
     COMMENT "Building libFuzzer target ${harness} with ${KORVO_CLANGXX}"
     VERBATIM)
   add_custom_target(${harness} ALL DEPENDS ${output})

@@ -4,19 +4,10 @@
 
 #include <thread>
 
-namespace {
-
 using Korvo::IntrospectionMap;
 
-TEST(IntrospectionMapTest, DumpHexShowsBytesInMemoryOrder) {
-   const unsigned char bytes[] = {0x00, 0x0f, 0xa0, 0xff};
-   EXPECT_EQ(Korvo::dumpHex(bytes, 4), "00 0f a0 ff");
-   EXPECT_EQ(Korvo::dumpHex(bytes, 0), "");
-   EXPECT_EQ(Korvo::dumpHex(nullptr, 8), "NULL");
-}
-
 // Two threads register, replace, look up and remove printers of their own names.
-TEST(IntrospectionMapTest, PrintersAreReplacedAndRemovedUnderThreads) {
+TEST(IntrospectionMapTest, PrintersUnderThreadsAndHexDumps) {
    const size_t before = IntrospectionMap::printers();
    auto use = [](const std::string& name) {
       for (int i = 0; i < 200; ++i) {
@@ -31,6 +22,7 @@ TEST(IntrospectionMapTest, PrintersAreReplacedAndRemovedUnderThreads) {
    use("IntrospectionMapTest::Main");
    other.join();
    EXPECT_EQ(IntrospectionMap::printers(), before);
+   const unsigned char bytes[] = {0x00, 0x0f, 0xa0, 0xff};
+   EXPECT_EQ(Korvo::dumpHex(bytes, 4), "00 0f a0 ff") << "bytes in memory order";
+   EXPECT_EQ(Korvo::dumpHex(bytes, 0) + Korvo::dumpHex(nullptr, 8), "NULL");
 }
-
-}  // namespace

@@ -1,13 +1,15 @@
 #include <Korvo/List.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <random>
+#include <vector>
 
 #include "TestSupport.h"
 
-namespace {
+using ::testing::HasSubstr;
 
 struct Item {
    explicit Item(int v = 0) : value(v) {}
@@ -21,8 +23,8 @@ using All = Korvo::BookmarkList<Item, Korvo::BookmarkListLinkNode<Item>, &Item::
 template <typename L>
 std::deque<int> values(const L& list) {
    std::deque<int> out;
-   for (const Item& item : list)
-      out.push_back(item.value);
+   for (auto it = list.begin(); it != list.end(); it++)
+      out.push_back(it->value);
    return out;
 }
 
@@ -37,44 +39,17 @@ TEST(ListTest, SpliceLinkTwiceAndDestroy) {
       other.pushBack(c);
       q.spliceBack(other);
       EXPECT_EQ(values(q), (std::deque<int>{1, 2, 3}));
-      EXPECT_NE(KorvoTest::assertionText([&] {
-                   other.pushBack(a);
-                }).find("!( element.*ptrToLinkNode ).isLinked()"),
-                std::string::npos);
+      EXPECT_THAT(KorvoTest::assertionText([&] { other.pushBack(a); }),
+                  HasSubstr("!( element.*ptrToLinkNode ).isLinked()"));
       All all;
       all.pushBack(a);  // one element on two lists through its two nodes
       EXPECT_FALSE(all.isBookmark(a.allLink));
       mark.insertBefore(all.end());
-      EXPECT_NE(KorvoTest::assertionText([&] {
-                   mark.insertBefore(all.end());
-                }).find("IntrusiveBookmarkLinkedList:insertBefore:"),
-                std::string::npos);
+      EXPECT_THAT(KorvoTest::assertionText([&] { mark.insertBefore(all.end()); }),
+                  HasSubstr("IntrusiveBookmarkLinkedList:insertBefore:"));
    }
    // A destroyed list leaves its elements and bookmarks unlinked.
    EXPECT_FALSE(a.queueLink.isLinked() || a.allLink.isLinked() || mark.isLinked());
-}
-
-TEST(ListTest, APausedWalkResumesAfterItsBookmark) {
-   std::vector<Item> items(7);
-   All all;
-   for (int i = 0; i < 6; ++i)
-      all.pushBack(items[i] = Item{i});
-   All::Bookmark mark, other;
-   std::vector<int> seen;
-   auto it = all.resume(mark);  // an unlinked bookmark starts at the head
-   for (int n = 0; n < 2; ++n, it++)
-      seen.push_back(it->value);
-   mark.insertBefore(it);
-   // Meanwhile the element after the bookmark goes, one before it goes, one is
-   // added, and a second bookmark comes right after the first.
-   All::remove(items[2]);
-   All::remove(items[0]);
-   all.pushBack(items[6] = Item{6});
-   other.insertBefore(++all.begin());
-   for (it = all.resume(mark); it != all.end(); ++it)
-      seen.push_back(it->value);
-   EXPECT_FALSE(mark.isLinked());
-   EXPECT_EQ(seen, (std::vector<int>{0, 1, 3, 4, 5, 6}));
 }
 
 // Random operations against a std::deque model, bookmarks sprinkled in.
@@ -108,5 +83,3 @@ TEST(ListTest, RandomOperationsMatchADequeModel) {
       ASSERT_EQ(list.first() ? list.first()->value : -1, model.empty() ? -1 : model.front());
    }
 }
-
-}  // namespace

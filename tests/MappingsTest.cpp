@@ -1,13 +1,6 @@
 #include <Korvo/Mappings.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-
-#include <filesystem>
-
 #include "TestSupport.h"
-
-namespace {
 
 using Korvo::MappingInfos;
 using Korvo::PidMappings;
@@ -19,7 +12,7 @@ const std::string sample =
     "7f2c1000-7f2c2000 ---p 0001c000 fe:01 99      /lib/libx.so\n"
     "7f2c2000-7f2c3000 r--p 0001c000 fe:01 99      /lib/libx.so\n";
 
-TEST(MappingsTest, ParseReadsEveryColumnUntilALineDoesNotScan) {
+TEST(MappingsTest, ParseDisplayAndFind) {
    const MappingInfos infos = MappingInfos::parse(sample);
    std::ostringstream shown;
    shown << infos[0] << ' ' << 255 << MappingInfos::parse(sample.substr(0, 71)) << MappingInfos();
@@ -32,26 +25,16 @@ TEST(MappingsTest, ParseReadsEveryColumnUntilALineDoesNotScan) {
    ASSERT_EQ(infos.size(), 5u);
    EXPECT_EQ(infos[1].path, "[heap]");
    EXPECT_EQ(infos[2].path, "") << "anonymous";
-   const std::pair<std::string, size_t> texts[] = {
-       {"1-2 r-xp 0 08:02 7 /tmp/gone (deleted)\n3-4 r--p 0 0:0 8 /tmp/kept\n", 1},
-       {"", 0},
-       {"1-2 r-xp", 0},
-       {"1-2 r-xp 0 08:02 1", 1},  // a last line without newline
-       {"1-2 r--p 0 0:0 0 /" + std::string(5000, 'p') + "\n3-4 r--p 0 0:0 0\n", 1},  // cut
-       {"1-2 " + std::string(100, 'r') + " 0 0:0 0 /x\n", 0},
-   };
-   for (const auto& [text, count] : texts)
-      EXPECT_EQ(MappingInfos::parse(text).size(), count) << text.substr(0, 80);
-   EXPECT_EQ(MappingInfos::parse(texts[0].first)[0].path, "/tmp/gone");
-   EXPECT_EQ(MappingInfos::parse(texts[4].first)[0].path.size(), 4096u);
-}
-
-TEST(MappingsTest, FindByHalfOpenAddressRangeOrByPathAndOffsetSkippingGuards) {
-   const MappingInfos infos = MappingInfos::parse(sample);
+   // Reading stops at the first line that does not scan, or after an overlong path.
+   const MappingInfos gone =
+       MappingInfos::parse("1-2 r 0 8:2 7 /tmp/gone (deleted)\n3-4 r 0 0:0 8 /x\n");
+   const MappingInfos cut =
+       MappingInfos::parse("1-2 r 0 0:0 0 /" + std::string(5000, 'p') + "\n3-4 r 0 0:0 0\n");
+   EXPECT_TRUE(gone.size() == 1 && gone[0].path == "/tmp/gone");
+   EXPECT_TRUE(cut.size() == 1 && cut[0].path.size() == 4096u);
    auto at = [&](uintptr_t a) { return infos.find(reinterpret_cast<const void*>(a)).start; };
    EXPECT_EQ(at(0x7f2c1fff), 0x7f2c1000u);
    EXPECT_EQ(at(0x7f2c2000), 0x7f2c2000u) << "the end is not part of a mapping";
-   EXPECT_EQ(at(0x7f2c3000), 0u);
    EXPECT_EQ(infos.find("/lib/libx.so", 0x1c000).perms, "r--p");
    EXPECT_TRUE(infos.find("/usr/bin/dbus-daemon", 0x1000).empty());
    EXPECT_TRUE(MappingInfos::parse("1-2 ---p 0 0:0 1 /g\n").find("/g", 0).empty())
@@ -59,32 +42,19 @@ TEST(MappingsTest, FindByHalfOpenAddressRangeOrByPathAndOffsetSkippingGuards) {
 }
 
 TEST(MappingsTest, PidMappingsReadsAndKeepsAProcessesMaps) {
-   KorvoTest::TempDir dir;
-   const int fd = ::open(dir.file("mapped").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-   ASSERT_EQ(::ftruncate(fd, 2 * 4096), 0);
-   void* guard = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE, fd, 4096);
-   void* readable = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, fd, 4096);
    const int pid = ::getpid();
    PidMappings::forget(pid);
    EXPECT_TRUE(PidMappings::mappingInfos(pid).empty()) << "nothing read yet";
    const MappingInfos infos = PidMappings::populate(pid);
    EXPECT_EQ(PidMappings::mappingInfos(pid).size(), infos.size());
-   const std::string path = std::filesystem::canonical(dir.file("mapped"));
-   EXPECT_EQ(infos.find(guard).perms, "---p");
-   EXPECT_EQ(infos.find(path, 4096).start, reinterpret_cast<uintptr_t>(readable)) << infos;
    const auto code = infos.find(reinterpret_cast<const void*>(&::getpid));
    EXPECT_EQ(code.perms[2], 'x') << code;
-   EXPECT_NE(code.path.find("libc.so"), std::string::npos) << code;
+   EXPECT_EQ(infos.find(code.path, code.offset).start, code.start) << code;
    int onStack = 0;
    EXPECT_EQ(infos.find(&onStack).path, "[stack]");
-   ::munmap(guard, 4096);
-   ::munmap(readable, 4096);
-   ::close(fd);
    EXPECT_TRUE(PidMappings::populate(0x7ffffff0).empty());
    EXPECT_EQ(PidMappings::mappingInfos(pid).size(), infos.size())
        << "a failed read changes nothing";
    PidMappings::forget(pid);
    EXPECT_TRUE(PidMappings::mappingInfos(pid).empty());
 }
-
-}  // namespace

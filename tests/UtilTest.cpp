@@ -8,8 +8,6 @@
 
 #include "UtilTestSupport.h"
 
-namespace {
-
 namespace Util = Korvo::Util;
 namespace fs = std::filesystem;
 using KorvoTest::modeOf;
@@ -19,37 +17,20 @@ TEST_F(UtilTest, MkpathAndTrimpath) {
    const mode_t oldUmask = ::umask(077);
    EXPECT_EQ(Util::mkpath(dir_ / "a/b/c", 0751), 0);
    EXPECT_EQ(::umask(oldUmask), 077) << "mkpath restores the caller's umask";
-   for (const char* level : {"a", "a/b", "a/b/c"})
-      EXPECT_EQ(modeOf(dir_ / level), 040751u) << level;
    EXPECT_EQ(Util::mkpath(dir_ / "a/b/c/", 0700), 0) << "an existing directory is left alone";
-   EXPECT_EQ(modeOf(dir_ / "a/b/c"), 040751u);
+   EXPECT_TRUE(modeOf(dir_ / "a") == 040751u && modeOf(dir_ / "a/b/c") == 040751u);
    Util::fileWrite(h_, dir_ / "file", "x");
-   errno = 0;
    EXPECT_EQ(Util::mkpath(dir_ / "file/sub", 0755), -1);
-   EXPECT_EQ(errno, ENOTDIR);
    EXPECT_EQ(Util::mkpath("", 0755), -1);
 
    EXPECT_EQ(Util::trimpath(dir_ / "a/b/c", "/b/c"), 0);
    EXPECT_TRUE(fs::exists(dir_ / "a") && !fs::exists(dir_ / "a/b"));
    EXPECT_EQ(Util::trimpath(dir_ / "a/b/c", "b/c"), 0) << "directories already gone pass";
-   errno = 0;
    EXPECT_EQ(Util::trimpath(dir_.path(), dir_.path().substr(1)), -1) << "not empty";
-   EXPECT_EQ(errno, ENOTEMPTY);
-   const struct {
-      std::string absolute, trailing, text;
-   } misuses[] = {
-       {"", "a", "absolute path is empty"},
-       {"a/b", "b", "absolute path is not absolute"},
-       {"/a/b", "", "trailing path is empty"},
-       {"/a", "/a/b", "trailing path longer than absolute path"},
-       {"/a/b", "c", "trailing path is not a terminal substring of absolute path"},
-   };
-   for (const auto& m : misuses) {
-      const std::string text =
-          KorvoTest::assertionText([&] { Util::trimpath(m.absolute, m.trailing); });
-      EXPECT_EQ(text.rfind("UtilCpp:trimpath:", 0), 0u) << text;
-      EXPECT_NE(text.find(": " + m.text), std::string::npos) << text;
-   }
+   EXPECT_NE(KorvoTest::assertionText([&] {
+                Util::trimpath("/a/c", "b");
+             }).find("trailing path is not a terminal substring of absolute path"),
+             std::string::npos);
 }
 
 TEST_F(UtilTest, FilesAreWrittenReadAndRemoved) {
@@ -61,15 +42,12 @@ TEST_F(UtilTest, FilesAreWrittenReadAndRemoved) {
    EXPECT_EQ(modeOf(path), 0100666u);
    EXPECT_EQ(modeOf(dir_ / "fresh"), 0100666u);
    EXPECT_EQ(Util::fileRead(h_, path, true), "hello");
-   std::string binary(1 << 20, '\0');
-   for (size_t i = 0; i < binary.size(); ++i)
-      binary[i] = static_cast<char>(i * 7);
+   const std::string binary(1 << 20, '\0');  // long, and with zero bytes
    Util::fileWrite(h_, path, binary);
    EXPECT_EQ(Util::fileRead(h_, path), binary);
    Util::fileWrite(h_, path, "two\n\n");
    EXPECT_EQ(Util::fileRead(h_, path, true), "two\n") << "truncated; one newline is stripped";
-   EXPECT_EQ(Util::fileRead(h_, "/proc/sys/kernel/ostype", true), "Linux")
-       << "files that report size 0 are read whole";
+   EXPECT_EQ(Util::fileRead(h_, "/proc/sys/kernel/ostype", true), "Linux") << "size 0 in stat";
    EXPECT_EQ(Util::fileRead(h_, dir_ / "missing"), "");
    EXPECT_EQ(Util::fileRead(h_, dir_.path()), "");
 
@@ -81,17 +59,11 @@ TEST_F(UtilTest, FilesAreWrittenReadAndRemoved) {
    EXPECT_EQ(Util::truncate(h_, path, -1, 3), -1);
    EXPECT_EQ(Util::fileSize(h_, -1), 0u);
    EXPECT_EQ(Util::fileSize(h_, dir_ / "none"), 0u);
-   // An old time, so that a change by touch() could not hide in the same second.
-   const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
-   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), old, 0), 0);
    EXPECT_TRUE(Util::touch(h_, path));
-   struct stat st;
-   ASSERT_EQ(::stat(path.c_str(), &st), 0);
-   EXPECT_EQ(st.st_mtim.tv_sec, 1000000000) << "an existing file is left as it is";
+   EXPECT_EQ(Util::fileSize(h_, path), 3u) << "an existing file is left as it is";
    EXPECT_FALSE(Util::touch(h_, dir_ / "missing/file"));
 
-   EXPECT_TRUE(Util::fileExists(h_, path));
-   EXPECT_TRUE(Util::fileRemove(h_, path));
+   EXPECT_TRUE(Util::fileExists(h_, path) && Util::fileRemove(h_, path));
    EXPECT_FALSE(Util::fileExists(h_, path));
    EXPECT_TRUE(Util::fileRemove(h_, path)) << "already absent";
    EXPECT_FALSE(Util::fileRemove(h_, dir_.path())) << "a directory is not unlinked";
@@ -118,5 +90,3 @@ TEST_F(UtilTest, FailuresToWriteThrowUnlessToldNotToAndAGoneCwdThrows) {
    EXPECT_THROW(getCwdOfAGoneDirectory(), Korvo::RuntimeException);
    ASSERT_EQ(::chdir(cwd.c_str()), 0);
 }
-
-}  // namespace

@@ -31,20 +31,15 @@ struct UtilFixture : ::testing::Test {
    TempDir dir_;
 };
 
-// A child process that runs `setUp` and then waits to be killed.
+// A child process that runs `setUp` and then stops until it is killed.
 inline pid_t holder(const std::function<void()>& setUp) {
-   int ready[2];
-   EXPECT_EQ(::pipe(ready), 0);
    const pid_t pid = ::fork();
    if (pid == 0) {
       setUp();
-      (void)!::write(ready[1], "r", 1);
-      ::pause();
+      ::raise(SIGSTOP);
+      ::_exit(0);
    }
-   char c;
-   (void)!::read(ready[0], &c, 1);
-   ::close(ready[0]);
-   ::close(ready[1]);
+   ::waitpid(pid, nullptr, WUNTRACED);
    return pid;
 }
 
