@@ -13,6 +13,7 @@
 
 #include "AllocationCount.h"
 #include "BenchTasks.h"
+#include "TaskTime.h"
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>

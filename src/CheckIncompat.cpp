@@ -1,6 +1,8 @@
 #include "Korvo/Exception.h"
 #include "Korvo/Thread.h"
 
+#include "SystemAssert.h"
+
 #include <dlfcn.h>
 
 namespace Korvo {

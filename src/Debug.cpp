@@ -6,6 +6,8 @@
 #include "Korvo/Locking.h"
 #include "Korvo/Thread.h"
 
+#include "SystemAssert.h"
+
 #include <sys/time.h>
 #include <unistd.h>
 

@@ -6,6 +6,8 @@
 
 #include "Korvo/Debug.h"
 
+#include "SystemAssert.h"
+
 #include <atomic>
 #include <iostream>
 

@@ -5,6 +5,7 @@
 #include "Korvo/Exception.h"
 #include "Korvo/Util.h"
 #include "UtilImpl.h"
+#include "UtilParse.h"
 #include "UtilProcFd.h"
 
 #include <fcntl.h>

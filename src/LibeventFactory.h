@@ -65,7 +65,7 @@ void setMainThread();
 // until it ends or calls leFree(), every control one more for its lifetime; the base
 // is freed when the last share goes, unless it was adopted with leRegisterBase() and
 // leFree() was never called for it (its maker frees it then).
-KORVO_EXPORT std::shared_ptr<event_base> leBaseShare();
+std::shared_ptr<event_base> leBaseShare();
 
 // A timer event on the stack: added at construction and removed however the scope is
 // left. Its callback gets the event itself as argument.
@@ -92,7 +92,7 @@ private:
 // which keeps the base alive as long as the control, and the thread's id for the
 // failure message. check() is the whole cost of the thread check on the event path:
 // one thread-local load and compare, and no call unless they differ.
-class KORVO_EXPORT LeOwner {
+class LeOwner {
 public:
    LeOwner();
    event_base* base() const { return base_.get(); }
@@ -124,10 +124,10 @@ KORVO_EXPORT void le_fatal_cb(int err);
 
 // A delay in seconds as a timeval: to the nearest microsecond, negative as 0, above
 // Platform::maxDelaySeconds clamped. NaN is an assertion failure naming `what`.
-KORVO_EXPORT timeval timevalFromSeconds(double seconds, const char* what);
+timeval timevalFromSeconds(double seconds, const char* what);
 // As timevalFromSeconds, but the microseconds are truncated: a virtual-time jump never
 // goes further than it was asked to.
-KORVO_EXPORT timeval timevalTruncatedFromSeconds(double seconds, const char* what);
+timeval timevalTruncatedFromSeconds(double seconds, const char* what);
 inline double secondsFromTimeval(const timeval& tv) {
    return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
 }
@@ -135,7 +135,7 @@ inline int64_t microsFromTimeval(const timeval& tv) {
    return static_cast<int64_t>(tv.tv_sec) * 1000000 + tv.tv_usec;
 }
 // Normalised: usec in [0, 999999] also for negative values.
-KORVO_EXPORT timeval timevalFromMicros(int64_t micros);
+timeval timevalFromMicros(int64_t micros);
 
 // ---- Timeout operations libevent does not offer, written over its public interface.
 // Absolute times are on the scale event_pending() reports: the base's monotonic clock
@@ -149,7 +149,7 @@ KORVO_EXPORT timeval timevalFromMicros(int64_t micros);
 
 // The present time of `base` on that scale: the time libevent would measure a timeout
 // from if one were added now (its cached time inside a loop pass when the base caches).
-KORVO_EXPORT void event_base_now(event_base* base, timeval* now);
+void event_base_now(event_base* base, timeval* now);
 // 0 and the earliest expiry among the base's pending timeouts (including timeouts that
 // have expired but whose callbacks have not run yet), or -1 when none is pending.
 // Neither this nor the shift below sees our loop runners' break events.
@@ -256,7 +256,7 @@ private:
 
 // Served by an eventfd that the loop watches for the control's whole life; requests
 // from any thread write to it, the loop drains it and runs the callback.
-class KORVO_EXPORT LibeventRemoteCallbackControl : public Platform::RemoteCallbackControl {
+class LibeventRemoteCallbackControl : public Platform::RemoteCallbackControl {
 public:
    explicit LibeventRemoteCallbackControl(Platform::CallbackHandler* handler);
    ~LibeventRemoteCallbackControl() override;
@@ -282,7 +282,7 @@ private:
 };
 
 // A persistent libevent signal event.
-class KORVO_EXPORT LibeventSignalControl : public Platform::SignalControl {
+class LibeventSignalControl : public Platform::SignalControl {
 public:
    LibeventSignalControl(Platform::SignalHandler* handler, int signo);
    ~LibeventSignalControl() override;
@@ -307,11 +307,11 @@ KORVO_EXPORT std::shared_ptr<LibeventTimerControl> getLeTimerControl(
 KORVO_EXPORT std::shared_ptr<LibeventCallbackControl> getLeCallbackControl(
     Platform::CallbackHandler* handler);
 KORVO_EXPORT std::shared_ptr<LibeventFdControl> getLeFdControl(Platform::FdEventHandler* handler);
-KORVO_EXPORT std::shared_ptr<LibeventRemoteCallbackControl> getLeRemoteCallbackControl(
+std::shared_ptr<LibeventRemoteCallbackControl> getLeRemoteCallbackControl(
     Platform::CallbackHandler* handler);
 // The signal checks of Platform::getSignalControl come first, before anything changes.
-KORVO_EXPORT std::shared_ptr<LibeventSignalControl> getLeSignalControl(
-    Platform::SignalHandler* handler, int signo);
+std::shared_ptr<LibeventSignalControl> getLeSignalControl(Platform::SignalHandler* handler,
+                                                          int signo);
 
 // ---- Loop runners.
 
@@ -329,7 +329,7 @@ bool leLoopRunning();
 
 // Called in a catch handler: parks the current exception, or rethrows it when no loop
 // runner of ours is active on this thread.
-KORVO_EXPORT void parkLoopException();
+void parkLoopException();
 template <typename Call>
 inline void callFromLoop(Call&& call) {
    try {

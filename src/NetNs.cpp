@@ -1,5 +1,7 @@
 #include "Korvo/NetNs.h"
 
+#include "NetNsPath.h"
+
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>

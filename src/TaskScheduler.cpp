@@ -6,6 +6,7 @@
 #include "Korvo/Exception.h"
 
 #include "TaskSchedulerDebug.h"
+#include "TaskTime.h"
 
 namespace Korvo {
 

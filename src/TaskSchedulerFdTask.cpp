@@ -5,6 +5,8 @@
 #include "Korvo/Exception.h"
 #include "Korvo/TaskScheduler.h"
 
+#include "TaskTime.h"
+
 namespace Korvo {
 
 // ---------------------------------------------------------------------------------

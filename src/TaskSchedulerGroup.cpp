@@ -3,6 +3,8 @@
 #include "Korvo/Exception.h"
 #include "Korvo/TaskGroup.h"
 
+#include "TaskTime.h"
+
 namespace Korvo {
 
 TaskGroup::TaskGroup(std::string name, TaskPriority priority, bool priorityCheck,

@@ -7,6 +7,7 @@
 
 #include "LibeventFactory.h"
 #include "TaskSchedulerDebug.h"
+#include "TaskTime.h"
 
 #include <unistd.h>
 

@@ -6,6 +6,7 @@
 #include "Korvo/TaskScheduler.h"
 
 #include "TaskSchedulerDebug.h"
+#include "TaskTime.h"
 
 #include <algorithm>
 #include <cmath>

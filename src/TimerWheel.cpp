@@ -26,8 +26,7 @@ KORVO_COMPONENT_DEBUG(wheelDebug, "KorvoTimerWheel");
 #define WHEEL_ASSERT(cond, msg)                                                              \
    do {                                                                                      \
       if (__builtin_expect(!(cond), 0)) {                                                    \
-         [ =, this, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {   \
-            (void)this;                                                                      \
+         [&, func = __func__, line = __LINE__ ]() __attribute__((noinline, cold)) {          \
             Platform::DebugStream stream;                                                    \
             stream << msg;                                                                   \
             debugAndThrowAssertException(nullptr, 0, stream, KORVO_SOURCE_FILE, func, line); \

@@ -1,7 +1,8 @@
 // Parsers of /proc texts. Kept free of I/O so that a saved snapshot, a test or a
 // fuzzer feeds them exactly what the live readers do.
 #define KORVO_SOURCE_FILE "UtilCpp"
-#include "Korvo/FileLock.h"
+#include "UtilParse.h"
+
 #include "Korvo/Util.h"
 
 #include "Korvo/Exception.h"

@@ -5,6 +5,7 @@
 #include "Korvo/Exception.h"
 #include "Korvo/Locking.h"
 #include "UtilImpl.h"
+#include "UtilParse.h"
 
 #include <dlfcn.h>
 #include <syslog.h>

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "TestPeer.h"
 #include "UtilTestSupport.h"
 
 using Korvo::DirNode;
@@ -54,14 +55,14 @@ TEST_F(DirNodeTest, CopiesShareOneStream) {
    EXPECT_EQ(drain(*copy), all_);
    EXPECT_EQ(top->readEntry(), nullptr);
    copy.reset();
-   EXPECT_EQ(top->streamUseCount(), 1);
+   EXPECT_EQ(Korvo::TestPeer::streamUseCount(*top), 1);
    DirNode sub(h_, dir_ / "c.conf", top);
    EXPECT_EQ(sub.parent(), top);
    sub = *top;  // lets go of its own stream
    sub.pathIs(dir_.path());
-   EXPECT_EQ(top->streamUseCount(), 2) << "the same path keeps the stream";
+   EXPECT_EQ(Korvo::TestPeer::streamUseCount(*top), 2) << "the same path keeps the stream";
    sub.openDir();
-   EXPECT_EQ(top->streamUseCount(), 1) << "a reopen is a stream of its own";
+   EXPECT_EQ(Korvo::TestPeer::streamUseCount(*top), 1) << "a reopen is a stream of its own";
    sub.rewind();
    EXPECT_EQ(drain(sub), all_) << "with its own position";
 }

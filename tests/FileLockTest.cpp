@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 using Korvo::FileLock;

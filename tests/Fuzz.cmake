@@ -26,6 +26,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     add_executable(${harness} ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS})
     target_compile_options(${harness} PRIVATE ${KORVO_WARNINGS} -fsanitize=fuzzer,address)
     target_link_options(${harness} PRIVATE -fsanitize=fuzzer,address)
+    target_include_directories(${harness} PRIVATE ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(${harness} PRIVATE Korvo::Korvo)
     korvo_fuzz_test(${harness} ${harness} ${harness})
   endforeach()
@@ -35,6 +36,7 @@ endif()
 foreach(harness ${KORVO_FUZZ_HARNESSES})
   add_executable(${harness}Driver ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_DIR}/FuzzDriver.cpp)
   target_compile_options(${harness}Driver PRIVATE ${KORVO_WARNINGS})
+  target_include_directories(${harness}Driver PRIVATE ${PROJECT_SOURCE_DIR}/src)
   # The plain driver reaches the parsers in the library's own objects.
   target_link_libraries(${harness}Driver PRIVATE KorvoObjects)
   korvo_fuzz_test(${harness}Driver ${harness}Driver ${harness})
@@ -53,9 +55,10 @@ foreach(harness ${KORVO_FUZZ_HARNESSES})
   add_custom_command(OUTPUT ${output}
     COMMAND ${KORVO_CLANGXX} -std=c++20 -g -O1 -Wall -Wextra -Werror
             -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined
-            -I${PROJECT_SOURCE_DIR}/include ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS}
+            -I${PROJECT_SOURCE_DIR}/include -I${PROJECT_SOURCE_DIR}/src ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS}
             $<TARGET_FILE:Korvo> -Wl,-rpath,$<TARGET_FILE_DIR:Korvo> -o ${output}
-    DEPENDS ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${KORVO_FUZZ_PARSERS} Korvo
+    DEPENDS ${KORVO_FUZZ_DIR}/ProcFuzz.cpp ${PROJECT_SOURCE_DIR}/src/UtilParse.h ${KORVO_FUZZ_PARSERS}
+            Korvo
     COMMENT "Building libFuzzer target ${harness} with ${KORVO_CLANGXX}"
     VERBATIM)
   add_custom_target(${harness} ALL DEPENDS ${output})

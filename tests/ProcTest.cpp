@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 // Found by resolveSym() through the executable's dynamic symbol table (the test

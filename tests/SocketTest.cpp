@@ -10,6 +10,8 @@
 #include <cstring>
 #include <random>
 
+#include "NetNsPath.h"
+#include "UtilParse.h"
 #include "UtilTestSupport.h"
 
 using KorvoTest::assertionText;

@@ -1,4 +1,5 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/TaskGroup.h>
 
@@ -247,7 +248,7 @@ TEST_F(TaskGroupTest, SurvivesAThrowingChildAndDiesCleanlyInItsOwnTurn) {
    later->scheduleTask();
    EXPECT_THROW(sched_->handleSchedulerRun(), std::runtime_error);
    // The snapshot has ended, and the group is still queued for its remaining work.
-   EXPECT_FALSE(g->taskRunQueue(TaskPriority::low).snapshotActive());
+   EXPECT_FALSE(Korvo::TestPeer::snapshotActive(g->taskRunQueue(TaskPriority::low)));
    sched_->handleSchedulerRun();
    EXPECT_EQ(later->runs, 1);
    // The last task drops the last references to itself, and so to the group, during

@@ -1,4 +1,5 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/Debug.h>
 #include <Korvo/Task.h>
@@ -154,7 +155,7 @@ TEST_F(TaskTest, ForcedYieldAndTheRootsRatio) {
    other->taskForceYieldInTestIs(true);
    t->taskForceYieldInTestIs(true);
    EXPECT_EQ(lastEvent(), "frcYieldOn t");
-   EXPECT_EQ(sched_->taskForceYieldInTestCount(), 2u);
+   EXPECT_EQ(Korvo::TestPeer::taskForceYieldInTestCount(*sched_), 2u);
    t.reset();  // a dying task leaves the set
    other->taskForceYieldInTestIs(false);
    EXPECT_EQ(sched_->forceYieldNotifications, 4);

@@ -60,10 +60,9 @@ public:
    const std::string& path() const { return path_; }
    const std::shared_ptr<DirNode>& parent() const { return parent_; }
    bool isOpen() const { return dir_ != nullptr; }
-   // How many nodes share this node's stream (0 when none is open).
-   long streamUseCount() const { return dir_.use_count(); }
 
 private:
+   friend class TestPeer;
    class Stream;
 
    std::shared_ptr<Stream> dir_;

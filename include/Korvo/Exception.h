@@ -124,14 +124,4 @@ KORVO_EXPORT std::string typeName(const char* mangled);
 #define KORVO_FAIL(msg) KORVO_ASSERT(false, msg)
 #define KORVO_FAIL_IN(source, msg) KORVO_ASSERT_IN(source, false, msg)
 
-// The system library's assertion, kept on in every build type: for plain
-// conditions whose failure means the process cannot go on.
-#define KORVO_SYSTEM_ASSERT(cond) \
-   ((cond) ? (void)0 : ::Korvo::Impl::systemAssertFail(#cond, __FILE__, __LINE__, __func__))
-
-namespace Korvo::Impl {
-[[noreturn]] KORVO_EXPORT void systemAssertFail(const char* expr, const char* file, int line,
-                                                const char* function);
-}
-
 #endif

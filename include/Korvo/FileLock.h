@@ -83,10 +83,6 @@ namespace Util {
 // non-root caller sees only its own user's processes. Traces details at level 9.
 KORVO_EXPORT int readLockPid(Platform::DebugHandler& h, const std::string& lockFile);
 
-// True when a /proc/locks or /proc/<pid>/fdinfo text holds a granted (not
-// waiting) OFDLCK or POSIX lock line.
-KORVO_EXPORT bool lockTextHasHeldLock(const std::string& text);
-
 }  // namespace Util
 }  // namespace Korvo
 

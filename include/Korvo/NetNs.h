@@ -29,9 +29,6 @@ inline constexpr const char* DEFAULT_NS = "default";
 // thread staying where it was.
 KORVO_EXPORT int setnsByName(const std::string& name, int flags);
 
-// The file setnsByName() opens for `name` first ("" for a refused name).
-KORVO_EXPORT std::string nsPath(const std::string& name);
-
 }  // namespace Korvo::NetNs
 
 #endif

@@ -56,17 +56,12 @@ class TaskScheduler;
 class TaskSchedulerRoot;
 class TaskImpl;
 
-// Every "now" of the scheduler goes through taskTime(): one indirect call to the
-// steady clock. Tests replace the source to move time without sleeping.
+// Every "now" of the scheduler (scheduling, dispatch, run times, latencies, timer
+// tasks' history) is read from one source, the steady clock unless replaced here.
+// Test seam: a program's tests replace the source to move the scheduler's time
+// without sleeping; null restores the steady clock. Change it only while no other
+// thread runs tasks.
 using TaskTimeSource = TaskTimePoint (*)();
-namespace Impl {
-extern KORVO_EXPORT TaskTimeSource taskTimeSource_;
-}
-inline TaskTimePoint taskTime() {
-   return Impl::taskTimeSource_();
-}
-// Test seam: replaces the scheduler's clock for the whole process; null restores
-// the steady clock. Change it only while no other thread runs tasks.
 KORVO_EXPORT void taskTimeSourceIs(TaskTimeSource source);
 
 class KORVO_EXPORT _TaskBase : public std::enable_shared_from_this<_TaskBase> {

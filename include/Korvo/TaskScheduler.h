@@ -69,12 +69,8 @@ public:
 
    // The queue that picks read: the temporary one during a snapshot.
    Queue& currentQueue() { return *currentQueue_; }
-   Queue& persistentQueue() { return persistent_; }
-   Queue& temporaryQueue() { return temporary_; }
-   bool snapshotActive() const { return currentQueue_ == &temporary_; }
 
    uint32_t consecutivePicks() const { return consecutivePicks_; }
-   void consecutivePicksIs(uint32_t n) { consecutivePicks_ = n; }
    uint64_t enqueued() const { return enqueued_; }
    uint64_t dispatched() const { return dispatched_; }
    uint64_t dispatchedAtLastClear() const { return dispatchedAtLastClear_; }
@@ -89,6 +85,7 @@ public:
 private:
    friend class TaskScheduler;
    friend class TaskImpl;
+   friend class TestPeer;
 
    Queue persistent_;
    Queue temporary_;
@@ -202,7 +199,6 @@ public:
    void taskRunQueuesMoveTemporaryToPersistent();
 
    void taskForceYieldInTestNotify(TaskImpl* task, bool on);
-   std::size_t taskForceYieldInTestCount() const { return forcedYieldTasks_.size(); }
 
    // Statistics: clearStats() resets every task at once; resetStats() spreads the
    // same work over runs of a ";ResetStats" task of this scheduler (restarting the
@@ -246,9 +242,12 @@ protected:
    // True while the scheduler's own reset-statistics task registers (taskRegister()
    // overrides may exempt it from their rules).
    bool resetStatsTaskRegistering() const { return resetStatsTaskRegistering_; }
+   // Tasks under forced yield; a task group passes "any" on to its parent task.
+   std::size_t taskForceYieldInTestCount() const { return forcedYieldTasks_.size(); }
 
 private:
    friend class TaskImpl;
+   friend class TestPeer;
    class ResetStatsTask;
 
    void handleResetStatsTaskRun();
@@ -354,7 +353,6 @@ public:
    int randomPercent();
    // The generator's state (rand_r), 0 at construction.
    unsigned int randomSeed() const { return randomSeed_; }
-   void randomSeedIs(unsigned int seed) { randomSeed_ = seed; }
 
    TaskScheduler* findSchedulerForTest(const std::string& name) const;
    // Registered tasks of all registered schedulers, bookmarks not counted.

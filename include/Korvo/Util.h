@@ -128,11 +128,6 @@ KORVO_EXPORT int SYSTEM_MAX_SEND_BUFFER_SIZE();
 // process holds it (a non-root caller sees only its own user's processes).
 KORVO_EXPORT int readSocketPid(DebugHandler& h, const std::string& name);
 
-// The inode of the socket bound to the abstract `name` in a /proc/net/unix text,
-// or 0. Names with blanks are matched whole.
-KORVO_EXPORT unsigned long socketInodeFromNetUnix(const std::string& netUnixText,
-                                                  const std::string& name);
-
 // ---------------------------------------------------------------------------
 // Process introspection
 
@@ -162,12 +157,6 @@ KORVO_EXPORT void emitCanaryLog(DebugHandler& h, const std::string& text);
 KORVO_EXPORT std::string readProcStartTime(DebugHandler& h, int pid);
 KORVO_EXPORT std::string readProcStartTime(int pid);
 
-// The start time field of one /proc/<pid>/stat line. The process name in
-// parentheses may hold blanks and parentheses: fields are counted from the last
-// ")". `source` names the line in assertion texts. Assertion failure when the
-// line has no ")" followed by at least two characters, or no non-empty field 22.
-KORVO_EXPORT std::string startTimeFromStat(const std::string& statLine, const std::string& source);
-
 // The name of process `pid` from the "Name:" line of /proc/<pid>/status,
 // trimmed; "" when the file cannot be read, has no such line or an empty name.
 // `quiet` is for callers that expect the process may have gone: its two
@@ -176,18 +165,10 @@ KORVO_EXPORT std::string startTimeFromStat(const std::string& statLine, const st
 KORVO_EXPORT std::string readProcTitle(DebugHandler& h, int pid, bool quiet = false);
 KORVO_EXPORT std::string readProcTitle(int pid, bool quiet = false);
 
-// The name from a status text: the rest of the first line holding "Name:",
-// with " \t\n" trimmed from both ends; nullopt when no line holds "Name:".
-KORVO_EXPORT std::optional<std::string> titleFromStatus(std::istream& status);
-
 // The command line of process `pid` from /proc/<pid>/cmdline, the arguments
 // joined by single blanks; "" when the file cannot be read or is empty (a kernel
 // thread, a zombie). Failures are traced at level 5.
 KORVO_EXPORT std::string readPidCmdline(DebugHandler& h, int pid);
-
-// The raw contents of a cmdline file (arguments each ended by a zero byte) as
-// one line: trailing zero bytes dropped, the others turned into blanks.
-KORVO_EXPORT std::string cmdlineFromText(const std::string& raw);
 
 // The demangled name of the dynamic type whose virtual table `vptr` points into
 // (the first word of a polymorphic object, see vptrOf), such as

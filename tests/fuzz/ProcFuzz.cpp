@@ -4,14 +4,14 @@
 // FuzzDriver.cpp feeds it a bounded set of generated inputs.
 
 #include <Korvo/Exception.h>
-#include <Korvo/FileLock.h>
 #include <Korvo/Mappings.h>
-#include <Korvo/Util.h>
 
 #include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <string>
+
+#include "UtilParse.h"
 
 // A violation is a crash the fuzzer reports.
 static void require(bool holds) {
