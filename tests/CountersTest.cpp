@@ -7,9 +7,8 @@
 
 TEST(CountersTest, WithoutThePluginEveryCounterIsTheFallback) {
    Korvo::Counters counters("Daemon");
-   EXPECT_EQ(counters.plugin(), nullptr);
    unsigned long requests = 0;
-   EXPECT_EQ(counters.counter("requests", &requests), &requests);
+   EXPECT_TRUE(!counters.plugin() && counters.counter("requests", &requests) == &requests);
    EXPECT_EQ(Korvo::Counters(nullptr).counter("requests", nullptr), nullptr);
    EXPECT_EQ(Korvo::Platform::registeredPlugin(Korvo::Counters::pluginName), nullptr)
        << "a failed load registers nothing";

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <thread>
 
 #include "TestSupport.h"
 
@@ -16,9 +17,9 @@ TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
       EXPECT_EQ(e.what(), e.what()) << "what() is built once and kept";
    }
    EXPECT_EQ(Korvo::Exception("", false).backtrace().pretty(), "No backtrace available\n");
-   EXPECT_STREQ(Korvo::Exception("", false).name(), "Korvo::Exception");
-   EXPECT_STREQ(Korvo::NoPermissionException("").name(), "Korvo::NoPermissionException");
-   EXPECT_STREQ(Korvo::OutOfRangeException("").name(), "Korvo::OutOfRangeException");
+   EXPECT_EQ(
+       std::string(Korvo::Exception("", false).name()) + Korvo::OutOfRangeException("").name(),
+       "Korvo::ExceptionKorvo::OutOfRangeException");
    EXPECT_EQ(Korvo::typeName(typeid(std::runtime_error).name()), "std::runtime_error");
    EXPECT_EQ(Korvo::typeName("not a mangled name !"),
              "Korvo::typeName() unable to demangle type not a mangled name ! status:-2");
@@ -28,18 +29,14 @@ TEST(ExceptionTest, MessagesNamesBacktracesAndAssertions) {
 }
 
 TEST(ExceptionDeathTest, AssertionsAndUncaughtExceptionsAbortWithTheirStory) {
+   EXPECT_DEATH(KORVO_FAIL("bad thing " << 42), "Korvo::Assert aborting because: .*: bad thing 42");
+   EXPECT_DEATH(std::thread([] { throw std::runtime_error("boom"); }).join(),
+                "terminate called after throwing an instance of 'std::runtime_error'\n"
+                "  what\\(\\): boom\nBacktrace:\n");
+   // The verbosity is read at load: a fresh process.
    auto env = KorvoTest::baseEnvironment();
-   auto r = KorvoTest::runProgram(TRACE_CHILD, {"assert"}, env);
-   EXPECT_EQ(r.signal, SIGABRT);
-   EXPECT_NE(r.err.find("Korvo::Assert aborting because: "), std::string::npos) << r.err;
-   EXPECT_NE(r.err.find(": bad thing 42"), std::string::npos) << r.err;
-   r = KorvoTest::runProgram(TRACE_CHILD, {"throw"}, env);
-   EXPECT_NE(r.err.find("terminate called after throwing an instance of 'std::runtime_error'\n"
-                        "  what(): boom\nBacktrace:\n"),
-             std::string::npos)
-       << r.err;
    env.push_back("KORVO_BACKTRACE_VERBOSITY=0");
-   r = KorvoTest::runProgram(TRACE_CHILD, {"throw"}, env);
+   const auto r = KorvoTest::runProgram(TRACE_CHILD, {"throw"}, env);
    EXPECT_EQ(r.signal, SIGABRT);
    EXPECT_EQ(r.err.find("Backtrace:"), std::string::npos) << r.err;
 }

@@ -20,8 +20,7 @@ TEST_F(UtilTest, MkpathAndTrimpath) {
    EXPECT_EQ(Util::mkpath(dir_ / "a/b/c/", 0700), 0) << "an existing directory is left alone";
    EXPECT_TRUE(modeOf(dir_ / "a") == 040751u && modeOf(dir_ / "a/b/c") == 040751u);
    Util::fileWrite(h_, dir_ / "file", "x");
-   EXPECT_EQ(Util::mkpath(dir_ / "file/sub", 0755), -1);
-   EXPECT_EQ(Util::mkpath("", 0755), -1);
+   EXPECT_TRUE(Util::mkpath(dir_ / "file/sub", 0755) == -1 && Util::mkpath("", 0755) == -1);
 
    EXPECT_EQ(Util::trimpath(dir_ / "a/b/c", "/b/c"), 0);
    EXPECT_TRUE(fs::exists(dir_ / "a") && !fs::exists(dir_ / "a/b"));
@@ -48,8 +47,7 @@ TEST_F(UtilTest, FilesAreWrittenReadAndRemoved) {
    Util::fileWrite(h_, path, "two\n\n");
    EXPECT_EQ(Util::fileRead(h_, path, true), "two\n") << "truncated; one newline is stripped";
    EXPECT_EQ(Util::fileRead(h_, "/proc/sys/kernel/ostype", true), "Linux") << "size 0 in stat";
-   EXPECT_EQ(Util::fileRead(h_, dir_ / "missing"), "");
-   EXPECT_EQ(Util::fileRead(h_, dir_.path()), "");
+   EXPECT_EQ(Util::fileRead(h_, dir_ / "missing") + Util::fileRead(h_, dir_.path()), "");
 
    EXPECT_EQ(Util::fileSize(h_, path), 5u);
    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -57,8 +55,7 @@ TEST_F(UtilTest, FilesAreWrittenReadAndRemoved) {
    EXPECT_EQ(Util::fileSize(h_, fd), 3u);
    ::close(fd);
    EXPECT_EQ(Util::truncate(h_, path, -1, 3), -1);
-   EXPECT_EQ(Util::fileSize(h_, -1), 0u);
-   EXPECT_EQ(Util::fileSize(h_, dir_ / "none"), 0u);
+   EXPECT_EQ(Util::fileSize(h_, -1) + Util::fileSize(h_, dir_ / "none"), 0u);
    EXPECT_TRUE(Util::touch(h_, path));
    EXPECT_EQ(Util::fileSize(h_, path), 3u) << "an existing file is left as it is";
    EXPECT_FALSE(Util::touch(h_, dir_ / "missing/file"));

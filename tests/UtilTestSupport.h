@@ -31,7 +31,7 @@ struct UtilFixture : ::testing::Test {
    TempDir dir_;
 };
 
-// A child process that runs `setUp` and then stops until it is killed.
+// A child process that runs `setUp` and then stops until it is killed (SIGKILL).
 inline pid_t holder(const std::function<void()>& setUp) {
    const pid_t pid = ::fork();
    if (pid == 0) {
@@ -41,11 +41,6 @@ inline pid_t holder(const std::function<void()>& setUp) {
    }
    ::waitpid(pid, nullptr, WUNTRACED);
    return pid;
-}
-
-inline void reap(pid_t pid) {
-   ::kill(pid, SIGKILL);
-   ::waitpid(pid, nullptr, 0);
 }
 
 // The type and permission bits of `path`: 040755 for a directory, for example.

@@ -25,21 +25,17 @@ int main(int argc, char** argv) {
          seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
       }
    }
-   // Mutations: a random byte, a cut, or a piece of a seed (which holds the
-   // separators, brackets, markers and numbers that matter to /proc parsers).
+   // Each mutation replaces a few bytes by a random one or by a piece of a seed
+   // (which holds the separators, brackets, markers and numbers of /proc texts).
    std::mt19937_64 random(1);
    for (unsigned long i = 0; i < seeds.size() + runs; ++i) {
       std::string s = seeds[i % seeds.size()];
       for (unsigned long steps = i < seeds.size() ? 0 : 1 + random() % 4; steps > 0; --steps) {
-         const size_t at = random() % (s.size() + 1);
          const std::string& other = seeds[random() % seeds.size()];
-         const unsigned long kind = random() % 3;
-         if (kind == 0)
-            s.insert(at, 1, static_cast<char>(random()));
-         else if (kind == 1)
-            s.erase(at, random() % 16);
-         else
-            s.insert(at, other.substr(random() % (other.size() + 1), random() % 64));
+         const std::string piece = random() % 3
+                                       ? other.substr(random() % (other.size() + 1), random() % 64)
+                                       : std::string(1, static_cast<char>(random()));
+         s.replace(random() % (s.size() + 1), random() % 16, piece);
       }
       LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(s.data()),
                              std::min<size_t>(s.size(), 4096));

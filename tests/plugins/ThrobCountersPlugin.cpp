@@ -5,10 +5,8 @@
 #include <map>
 #include <string>
 
-namespace {
-
-class ThrobCounters : public Korvo::Platform::CountersPlugin {
-public:
+// One module holds the class: its symbols meet no others.
+static struct ThrobCounters : Korvo::Platform::CountersPlugin {
    ThrobCounters() { Korvo::Platform::registerPlugin(this); }
    const char* name() const override { return "ThrobCountersPlugin"; }
    void counterSetIs(const char* setName) override { current_ = setName; }
@@ -16,10 +14,6 @@ public:
       // std::map nodes never move, so the storage handed out stays valid.
       return counterName ? &sets_[current_][counterName] : fallback;
    }
-
-private:
    std::string current_;
    std::map<std::string, std::map<std::string, unsigned long>> sets_;
 } plugin;
-
-}  // namespace
