@@ -32,7 +32,6 @@ TEST_F(DirNodeTest, FindFilesListsFilesAndLinksAndWhatIsNotOpenThrows) {
    std::sort(found.begin(), found.end());
    EXPECT_EQ(found, (std::vector<std::string>{".conf", "a.conf", "d.conf"}));
    EXPECT_EQ(node.findFiles("").size(), 5u) << "each call starts over; \"\" matches every file";
-   EXPECT_EQ(drain(node), 0u);
    DirNode empty(h_);
    EXPECT_THROW(empty.rewind(), Korvo::RuntimeException);
    EXPECT_THROW(empty.readEntry(), Korvo::RuntimeException);

@@ -182,6 +182,8 @@ TEST_F(TaskSchedulerTest, CountsAndStatisticsOfLiveAndDeadTasks) {
        sched_->runTaskCount(TaskPriority::low) + sched_->deadTasksPerPriority(TaskPriority::high),
        0u);
    EXPECT_EQ(c->resetCalls, 1);
+   EXPECT_FALSE(c->taskWorkPendingHighWaterMark().hasValue());
+   EXPECT_EQ(c->taskWorkCountDecayAverage(), 0.0f);
 }
 
 // The reset task walks the registered tasks, resetting them until its quantum

@@ -44,6 +44,7 @@ TEST(TaskValueTest, PrioritiesCountersAndDurations) {
                AllOf(StartsWith("TaskSchedulerCpp:"), HasSubstr("unexpected priority value 7")));
    EXPECT_THAT(assertionText([] { TaskPriority(9u).oneCharString(); }),
                HasSubstr("unexpected priority 9"));
+   EXPECT_EQ(Korvo::TaskKey(nullptr).toStrep(), "@NULL");
    Korvo::TaskMaybeU32 m;
    m.raise(5);
    m.raise(3);
