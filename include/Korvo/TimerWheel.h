@@ -135,14 +135,13 @@ public:
 
    // The library time the master timer is set for; +infinity when it is not set.
    double masterExpiry() const { return masterExpiry_; }
-   // Distinct expiry times waiting in the expiring-soon map.
-   size_t expiringSoonCount() const { return timersExpiringSoon_.size(); }
-   const std::shared_ptr<Platform::TimerControl>& masterTimer() const { return masterTimer_; }
 
    static timeout_t currentTick(double now);
    static timeout_t expiryTick(double expiry);
 
 private:
+   friend class TestPeer;
+
    void timeout() override;
    // Takes a running event out of the wheel or the expiring-soon map; notLinked after.
    void unlink(TimerWheelEvent* event);
