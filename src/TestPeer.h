@@ -7,6 +7,7 @@
 
 #include "Korvo/DirNode.h"
 #include "Korvo/TaskScheduler.h"
+#include "Korvo/TimerWheel.h"
 
 #include <cstddef>
 
@@ -19,6 +20,13 @@ public:
    // Whether a task group's snapshot of this queue is in progress.
    static bool snapshotActive(const TaskRunQueue& queue) {
       return queue.currentQueue_ == &queue.temporary_;
+   }
+   // Distinct expiry times waiting in the wheel's expiring-soon map.
+   static std::size_t expiringSoonCount(const TimerWheel& wheel) {
+      return wheel.timersExpiringSoon_.size();
+   }
+   static const std::shared_ptr<Platform::TimerControl>& masterTimer(const TimerWheel& wheel) {
+      return wheel.masterTimer_;
    }
    // Tasks of this scheduler under forced yield.
    static std::size_t taskForceYieldInTestCount(const TaskScheduler& scheduler) {

@@ -141,9 +141,6 @@ public:
 
    // The library time the master timer is set for; +infinity when it is not set.
    double masterExpiry() const { return masterExpiry_; }
-   // Distinct expiry times waiting in the expiring-soon map.
-   size_t expiringSoonCount() const { return timersExpiringSoon_.size(); }
-   const std::shared_ptr<Platform::TimerControl>& masterTimer() const { return masterTimer_; }
 
    static timeout_t currentTick(double now);
    static timeout_t expiryTick(double expiry);
@@ -151,6 +148,7 @@ public:
 private:
    // The wheel's own timer control starts and stops through the inline paths.
    friend class TimerWheelTimerControl;
+   friend class TestPeer;
 
    void timeout() override;
    void startAt(TimerWheelEvent* event, double expiry);
