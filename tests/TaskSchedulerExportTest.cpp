@@ -12,23 +12,17 @@ namespace {
 
 using ExportTest = SchedulerFixture;
 
-// How a trace viewer reads the timeline: python's json module loads it, and every event has
-// the fields a viewer places it by. Printed: the event phases, then per task (its name through
-// ascii()) the number of complete events, their summed duration in ns, priority and scheduler.
+// How a trace viewer reads the timeline: python's json module loads it, and every event has the
+// fields a viewer places it by. Printed: the event phases, then each complete event in order, its
+// name through ascii(), duration in ns, priority and scheduler.
 constexpr const char* viewer = R"(
 import json, sys
 events = json.load(open(sys.argv[1], encoding='utf-8'))['traceEvents']
-runs = {}
-for e in events:
-    assert {'ph', 'name', 'pid', 'tid'} <= e.keys(), e
-    if e['ph'] == 'X':
-        a = e['args']
-        r = runs.setdefault(ascii(a['task']), [0, 0, a['priority'], a['scheduler']])
-        r[0] += 1
-        r[1] += round(e['dur'] * 1000)
+assert all({'ph', 'name', 'pid', 'tid'} <= e.keys() for e in events)
 print(*sorted({e['ph'] for e in events}))
-for k in sorted(runs):
-    print(k, *runs[k])
+for e in events:
+    if e['ph'] == 'X':
+        print(ascii(e['name']), round(e['dur'] * 1000), e['args']['priority'], e['args']['scheduler'])
 )";
 
 }  // namespace
@@ -100,9 +94,9 @@ TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
       return slurp(dir / "out");
    };
    EXPECT_EQ(timeline(),
-             "C M X i\n"
-             R"('"\\\n\x01\xe9\u20ac\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd' 1 1234 low )"
-             "testSched\n'a' 2 51000000 normal testSched\n'gone' 1 2000000 low testSched\n");
+             "C M X i\n'a' 50000000 normal testSched\n'a' 1000000 normal testSched\n"
+             R"('"\\\n\x01\xe9\u20ac\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd' 1234 low )"
+             "testSched\n'gone' 2000000 low testSched\n");
    // Empty, and a window that starts inside a run: the run shows from the window's start.
    root_->clearHistory();
    EXPECT_EQ(timeline(), "M\n");
@@ -115,5 +109,5 @@ TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
    });
    a2->scheduleTask();
    sched_->handleSchedulerRun();
-   EXPECT_EQ(timeline(), "C M X\n'a' 1 5000 normal testSched\n");
+   EXPECT_EQ(timeline(), "C M X\n'a' 5000 normal testSched\n");
 }
