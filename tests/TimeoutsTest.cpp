@@ -35,7 +35,7 @@ std::string checkReport(const timeouts* T) {
 
 TEST(TimeoutsTest, OpenCheckAndClose) {
    EXPECT_EQ(timeouts_version(), unsigned{TIMEOUTS_VERSION});
-   EXPECT_LE(timeouts_sizeof(), 16384u);
+   EXPECT_LE(timeouts_sizeof(), 30720u);
    int error = -1;
    timeouts* T = timeouts_open(0, &error);
    EXPECT_EQ(error, 0);
