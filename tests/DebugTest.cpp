@@ -69,9 +69,7 @@ struct RegistryModel {
             best = &l;
       return best;
    }
-   uint32_t levelsForNew(const std::string& n) const {
-      return exact.count(n) ? exact.at(n) : bestWild(n) ? *bestWild(n) : 0;
-   }
+   uint32_t inherited(const std::string& n) const { return bestWild(n) ? *bestWild(n) : 0; }
    template <typename Change>
    void forNamed(const std::string& n, bool isWild, Change change) {
       auto each = [&](auto& entries, bool kind) {
@@ -82,15 +80,11 @@ struct RegistryModel {
       each(wild, isWild), each(exact, true), each(handlers, true);
    }
    void set(const std::string& n, bool isWild, uint32_t bits) {
-      auto& map = isWild ? wild : exact;
-      if (!map.count(n))
-         map[n] = bestWild(n) ? *bestWild(n) : 0;
-      const uint32_t levels = map[n] |= bits;
+      uint32_t& levels = (isWild ? wild : exact).try_emplace(n, inherited(n)).first->second;
+      levels |= bits;
       forNamed(n, isWild, [&](uint32_t& l) { l |= levels; });
    }
    void clear(const std::string& n, bool isWild, uint32_t bits) {
-      if (!isWild && !exact.count(n) && bestWild(n))  // the library makes the handler
-         handlers.emplace_back(n, *bestWild(n));
       forNamed(n, isWild, [&](uint32_t& l) { l &= ~bits; });
       // An emptied exact entry goes, unless it shadows a wildcard.
       std::erase_if(exact, [&](auto& e) {
@@ -132,7 +126,8 @@ TEST(DebugTest, RandomTraceStringsMatchTheModel) {
          model.clear(name, wild, bits);
       } else {
          live.emplace_back(getDebugHandler(name), model.handlers.size());
-         model.handlers.emplace_back(name, model.levelsForNew(name));
+         model.handlers.emplace_back(
+             name, model.exact.count(name) ? model.exact[name] : model.inherited(name));
       }
       ASSERT_EQ(registry(DebugControl::debugsMap_), model.exact) << item;
       ASSERT_EQ(registry(DebugControl::wildCardDebugsMap_), model.wild) << item;
