@@ -38,10 +38,7 @@ TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
       t.taskWorkCountInc(4);
    });
    auto a2 = makeTask(TaskPriority::normal, "a", [](LambdaTask&) { FakeClock::advance(1ms); });
-   auto odd = makeTask(TaskPriority::low, oddName, [](LambdaTask& t) {
-      FakeClock::advance(1234ns);
-      t.taskShouldYield();
-   });
+   auto odd = makeTask(TaskPriority::low, oddName, [](LambdaTask&) { FakeClock::advance(1234ns); });
    auto gone = makeTask(TaskPriority::low, "gone", [](LambdaTask&) { FakeClock::advance(2ms); });
    for (auto* t : {a1.get(), a2.get(), odd.get(), gone.get()}) {
       t->scheduleTask();
