@@ -10,66 +10,63 @@ namespace {
 
 using namespace KorvoTest;
 
-class FdTask : public Korvo::FileDescriptorTask {
-public:
-   FdTask(std::shared_ptr<Korvo::TaskScheduler> s, const std::string& name)
-       : FileDescriptorTask(std::move(s), TaskPriority::normal, name) {}
+struct FdTask : Korvo::FileDescriptorTask {
+   using FileDescriptorTask::FileDescriptorTask;
    void taskExecuteReadable() override {
-      ++reads;
       char buf[16];
       const ssize_t n = ::read(taskWatchFd(), buf, sizeof(buf));  // a little per run
       taskWorkCountInc(n > 0 ? static_cast<unsigned long>(n) : 0);
-      if (onRead) {
+      if (onRead)
          onRead();
-      }
    }
-   void taskExecuteWritable() override { ++writes; }
+   void taskExecuteWritable() override {}
    void handleTaskBusy() override { ++busyChanges; }
-   int reads = 0, writes = 0, busyChanges = 0;
+   int busyChanges = 0;
    std::function<void()> onRead;
 };
 
 class FdTaskTest : public ::testing::Test {
 protected:
+   std::shared_ptr<FdTask> makeFdTask(const std::string& name) {
+      return Korvo::makeShared<FdTask>(root_, TaskPriority::normal, name);
+   }
    ThrowOnAssert throwing_;
+   Pipe pipe_;
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("fdRoot");
-   std::shared_ptr<FdTask> task_ = Korvo::makeShared<FdTask>(root_, "fd");
+   std::shared_ptr<FdTask> task_ = makeFdTask("fd");
 };
 
 TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
-   Pipe pipe;
-   pipe.put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
+   pipe_.put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
    // A fresh task watches no direction, so a readable descriptor reports nothing.
-   task_->taskWatchFdIs(pipe.readFd());
+   task_->taskWatchFdIs(pipe_.readFd());
    pump();
-   EXPECT_EQ(task_->reads + task_->taskWorkPendingWritable() + task_->taskScheduledWritable(), 0u);
+   EXPECT_EQ(task_->taskRunCount() + task_->taskWorkPendingWritable(), 0u);
    EXPECT_EQ(root_->taskForTest("fd:write"), nullptr);
    task_->taskWatchWritableIs(false);  // no change, but the write task now exists
    EXPECT_NE(root_->taskForTest("fd:write"), nullptr);
    task_->taskWatchReadableIs(true);
    pump();  // read runs repeat while data remains
-   EXPECT_EQ(task_->reads, 3);
+   EXPECT_EQ(task_->taskRunCountReadable(), 3u);
    EXPECT_EQ(task_->taskWorkCountReadableTotal(), 36u);
    EXPECT_EQ(task_->taskWorkCountReadableHighWaterMark().value(), 16u);
    EXPECT_FALSE(task_->taskBusy());
    EXPECT_GT(task_->busyChanges, 0);
    // The write end of a pipe is always writable: one run per request.
    task_->taskWatchReadableIs(false);
-   task_->taskWatchFdIs(pipe.writeFd());
-   task_->taskWatchWritableIs(true);
-   pump();
-   EXPECT_EQ(task_->writes, 1);
-   EXPECT_FALSE(task_->taskWatchWritable());
-   task_->taskWatchWritableIs(true);
-   pump();
-   EXPECT_EQ(task_->writes, 2);
-   EXPECT_EQ(task_->taskRunCount(), 5u);
+   task_->taskWatchFdIs(pipe_.writeFd());
+   for (unsigned runs : {1u, 2u}) {
+      task_->taskWatchWritableIs(true);
+      pump();
+      EXPECT_EQ(task_->taskRunCountWritable(), runs);
+      EXPECT_FALSE(task_->taskWatchWritable());
+   }
    // Queued directions stay queued for the same descriptor and leave for another.
    task_->taskWatchReadableIs(true);
    task_->scheduleTaskReadable();
-   task_->taskWatchFdIs(pipe.writeFd());
+   task_->taskWatchFdIs(pipe_.writeFd());
    EXPECT_TRUE(task_->taskScheduledReadable());
-   task_->taskWatchFdIs(pipe.readFd());
+   task_->taskWatchFdIs(pipe_.readFd());
    EXPECT_FALSE(task_->taskScheduled());
    // Suspending and resuming does not run a direction that is not watched.
    task_->taskWatchReadableIs(false);
@@ -79,12 +76,11 @@ TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
 }
 
 TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
-   Pipe pipe;
-   task_->taskWatchFdIs(pipe.readFd());
+   task_->taskWatchFdIs(pipe_.readFd());
    const std::pair<std::function<void()>, std::string> cases[] = {
-       {[&] { task_->readFdEvent(pipe.readFd()); },
+       {[&] { task_->readFdEvent(pipe_.readFd()); },
         "readFdEvent() called with taskWatchReadable off"},
-       {[&] { task_->writeFdEvent(pipe.readFd()); },
+       {[&] { task_->writeFdEvent(pipe_.readFd()); },
         "writeFdEvent() called with taskWatchWritable off"},
        {[&] { task_->taskWorkCountWritableInc(1); },
         "WriteTask not created by taskWatchWritableIs( true )"},
@@ -93,11 +89,10 @@ TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
            task_->taskWatchReadableIs(true);
            task_->readFdEvent(99);
         },
-        "Notified about 99 watching " + std::to_string(pipe.readFd())},
+        "Notified about 99 watching " + std::to_string(pipe_.readFd())},
    };
-   for (const auto& [call, message] : cases) {
+   for (const auto& [call, message] : cases)
       EXPECT_THAT(assertionText(call), HasSubstr(message));
-   }
    std::thread([&] {
       EXPECT_THAT(assertionText([&] { task_->taskWatchReadableIs(false); }),
                   HasSubstr("Executing in wrong thread "));
@@ -120,11 +115,11 @@ TEST_F(FdTaskTest, ReusedNumbersExceptionsAndSelfRelease) {
    task_->taskWatchFdIs(fd);
    task_->onRead = [] { throw std::runtime_error("handler failed"); };
    EXPECT_THROW(pump(), std::runtime_error);
-   EXPECT_EQ(task_->reads, 1);
+   EXPECT_EQ(task_->taskRunCountReadable(), 1u);
    // Data remains: the next run finds the previous one still marked in progress.
    root_->requestSchedulerRun();
    EXPECT_THAT(assertionText([&] { pump(); }), HasSubstr("Executing task already set"));
-   task_ = Korvo::makeShared<FdTask>(root_, "fd2");
+   task_ = makeFdTask("fd2");
    std::weak_ptr<FdTask> weak = task_;
    task_->taskWatchReadableIs(true);
    task_->taskWatchFdIs(fd);

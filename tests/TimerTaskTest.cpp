@@ -1,41 +1,29 @@
 // Timer tasks on a real root, the real wheel and the real loop, under virtual time.
 
-#include <Korvo/Allocator.h>
-#include <Korvo/TaskScheduler.h>
 #include <Korvo/TimerTask.h>
 
-#include "PlatformTestSupport.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "TaskTestSupport.h"
 
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <random>
-#include <utility>
-#include <vector>
 
 namespace {
 
-using Korvo::TaskPriority;
-using Korvo::TimerTask;
-using namespace std::chrono_literals;
+using namespace KorvoTest;
 using Korvo::Platform::doEventLoop;
 constexpr double inf = std::numeric_limits<double>::infinity();
 
-class Timer : public TimerTask {
-public:
+struct Timer : Korvo::TimerTask {
    Timer(std::shared_ptr<Korvo::TaskScheduler> s, const std::string& name)
        : TimerTask(std::move(s), TaskPriority::normal, name) {}
    void taskExecute() override {
       runTimes.push_back(Korvo::time());
-      if (body) {
-         body(*this);
-      }
+      if (runFor > 0.0)
+         Korvo::Platform::fastForwardBy(std::exchange(runFor, 0.0));
    }
    std::vector<double> runTimes;
-   std::function<void(Timer&)> body;
+   double runFor = 0.0;  // virtual seconds the next run takes
 };
 
 class TimerTaskTest : public ::testing::Test {
@@ -43,46 +31,32 @@ protected:
    std::shared_ptr<Timer> timer(const std::string& name) {
       return Korvo::makeShared<Timer>(root_, name);
    }
-   // The percentage step the next jitter will draw.
-   unsigned nextJitterStep() const {
-      unsigned seed = root_->randomSeed();
-      return static_cast<unsigned>(::rand_r(&seed)) / 21474836u;
-   }
 
-   KorvoTest::ThrowOnAssert throwing_;
-   KorvoTest::FastForwardOn fastForward_;
+   ThrowOnAssert throwing_;
+   FastForwardOn fastForward_;
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("timer");
 };
 
-enum class State { idle, armed, queued };
-
-struct Model {
-   State state = State::idle;
-   double expiry = inf;  // earliest library time a run may happen, while armed
-};
-
-State actualState(const Timer& t) {
-   const bool armed = t.taskStatus().taskTimerRunning(), queued = t.taskStatus().taskOnRunQueue();
-   EXPECT_FALSE(armed && queued) << t.taskName();
-   return armed ? State::armed : queued ? State::queued : State::idle;
-}
-
 }  // namespace
 
+// Random operations on many tasks against a model of each: +inf idle, -inf queued,
+// otherwise armed to that expiry (the earliest library time a run may happen).
 TEST_F(TimerTaskTest, RandomOperationsAgreeWithAReferenceModel) {
    constexpr int kTasks = 24;
    std::mt19937 rng(7);
    std::vector<std::shared_ptr<Timer>> tasks;
-   std::vector<Model> model(kTasks);
-   for (int i = 0; i < kTasks; ++i) {
+   std::vector<double> model(kTasks, inf);
+   size_t total = 0;
+   for (int i = 0; i < kTasks; ++i)
       tasks.push_back(timer("t" + std::to_string(i)));
-   }
-   // One of the four arming operations (seconds or nanoseconds where the result is
-   // exact in both); returns the delay the task should have used.
-   auto arm = [&](Timer& t, unsigned kind, double d, unsigned char pct) -> double {
+   // One operation (seconds or nanoseconds where the result is exact in both); returns
+   // the delay the task should have used.
+   auto operate = [&](Timer& t, unsigned kind, double d, unsigned char pct) -> double {
       const auto dn = std::chrono::nanoseconds(std::llround(d * 1e9));
       const bool ns = rng() % 2 == 0;
-      const double k = nextJitterStep();
+      unsigned seed = root_->randomSeed();  // the percentage step the jitter will draw
+      const double jitter =
+          static_cast<unsigned>(::rand_r(&seed)) / 21474836u * (pct * d) / 10000.0;
       switch (kind) {
          case 0:
             ns ? t.scheduleTaskDelay(dn) : t.scheduleTaskDelay(d);
@@ -92,91 +66,76 @@ TEST_F(TimerTaskTest, RandomOperationsAgreeWithAReferenceModel) {
             return d;
          case 2:
             t.scheduleTaskJitterUp(d, pct);
-            return d + k * (pct * d) / 10000.0;
-         default:
+            return d + jitter;
+         case 3:
             t.scheduleTaskJitterDown(d, pct);
-            return d - k * (pct * d) / 10000.0;
+            return d - jitter;
+         case 4:
+            t.stopTimerTask();
+            return inf;
+         default:
+            t.scheduleTask();
+            return 0.0;
       }
    };
-   // After each step: the state, and while armed the exact expiry.
-   auto check = [&](int j, int step) {
-      ASSERT_EQ(actualState(*tasks[j]), model[j].state) << tasks[j]->taskName() << " " << step;
-      if (model[j].state == State::armed) {
-         ASSERT_EQ(tasks[j]->currentExpirationTime(), model[j].expiry) << step;
+   auto check = [&](int j) {
+      const Timer& t = *tasks[j];
+      ASSERT_EQ(t.taskStatus().taskOnRunQueue(), model[j] == -inf) << t.taskName();
+      ASSERT_EQ(t.taskStatus().taskTimerRunning(), std::isfinite(model[j])) << t.taskName();
+      if (model[j] != -inf) {
+         ASSERT_EQ(t.currentExpirationTime(), model[j]) << t.taskName();
       }
    };
-   std::vector<size_t> runsBefore(kTasks);
-   auto runLoop = [&](double seconds, int step) {
-      for (int j = 0; j < kTasks; ++j) {
-         runsBefore[j] = tasks[j]->runTimes.size();
-      }
+   // Each task runs at most once, never early and never while idle; one that fell due
+   // may still wait in the wheel or on the queue, depending on the machine.
+   auto runLoop = [&](double seconds) {
+      std::vector<size_t> before;
+      for (const auto& t : tasks)
+         before.push_back(t->runTimes.size());
       doEventLoop(seconds);
       const double end = Korvo::time();
       for (int j = 0; j < kTasks; ++j) {
-         Timer& u = *tasks[j];
-         Model& n = model[j];
-         const size_t ran = u.runTimes.size() - runsBefore[j];
-         ASSERT_LE(ran, 1u) << u.taskName() << " ran twice, step " << step;
-         if (ran == 1) {
-            ASSERT_NE(n.state, State::idle) << u.taskName();
-            ASSERT_GE(u.runTimes.back(), n.expiry) << u.taskName() << " ran early";
-            n = Model();
-         } else if (n.state == State::armed && n.expiry <= end) {
-            // Due by now; whether its run has come yet depends on the machine.
-            n.state = actualState(u);
-            ASSERT_NE(n.state, State::idle) << u.taskName() << " lost its run";
-            n.expiry = n.state == State::queued ? -inf : n.expiry;
+         const Timer& t = *tasks[j];
+         ASSERT_LE(t.runTimes.size() - before[j], 1u) << t.taskName();
+         if (t.runTimes.size() > before[j]) {
+            ASSERT_GE(t.runTimes.back(), model[j]) << t.taskName() << " ran early";
+            model[j] = inf;
+            ++total;
+         } else if (model[j] <= end && t.taskStatus().taskOnRunQueue()) {
+            model[j] = -inf;
          }
-         check(j, step);
+         ASSERT_NO_FATAL_FAILURE(check(j));
       }
    };
    for (int step = 0; step < 10000; ++step) {
-      const int i = static_cast<int>(rng() % kTasks);
-      Timer& t = *tasks[i];
-      Model& m = model[i];
-      const unsigned op = rng() % 10;
-      const double before = Korvo::time();
-      // As the wheel reports it: 0 once due.
-      const double remaining = m.state == State::armed ? std::max(m.expiry - before, 0.0) : inf;
-      if (op == 9) {
-         ASSERT_NO_FATAL_FAILURE(runLoop(static_cast<double>(rng() % 4) * 0.1, step));
+      const unsigned kind = rng() % 10;
+      if (kind > 8) {
+         ASSERT_NO_FATAL_FAILURE(runLoop(static_cast<double>(rng() % 4) * 0.1)) << step;
          continue;
-      } else if (op == 7) {
-         t.stopTimerTask();
-         m = Model();
-      } else if (op == 8) {
-         t.scheduleTask();
-         m = Model{State::queued, -inf};
-      } else {
-         const unsigned kind = op % 4;
-         const unsigned r = rng() % 8;  // 0, -0.05 (not for jitter: it asserts), 0.01..1
-         const double d = r == 0 ? 0.0 : r == 1 && kind < 2 ? -0.05 : (rng() % 100 + 1) / 100.0;
-         const double asked = arm(t, kind, d, static_cast<unsigned char>(rng() % 101));
-         const bool lowest = kind == 1;
-         if (lowest && m.state == State::queued) {
-            // Already has the lowest delay possible.
-         } else if (asked == 0.0) {
-            m = Model{State::queued, -inf};
-         } else if (lowest && std::abs(asked - remaining) < 1e-3) {
-            // Too close to call from outside: take what the task decided.
-            m.expiry = std::min(m.expiry, t.currentExpirationTime());
-         } else if (!lowest || asked < remaining) {
-            const double expiry = t.currentExpirationTime();
-            ASSERT_GE(expiry + 1e-9, before + asked);
-            ASSERT_LE(expiry, Korvo::time() + asked + 1e-9);
-            m = Model{State::armed, expiry};
-         }
       }
-      ASSERT_NO_FATAL_FAILURE(check(i, step));
+      const int i = static_cast<int>(rng() % kTasks);
+      double& m = model[i];
+      const double before = Korvo::time();
+      const double remaining = std::max(m - before, 0.0);  // as the wheel has it: 0 once due
+      const unsigned r = rng() % 8;  // 0, -0.05 (not for jitter: it asserts), 0.01..1
+      const double d = r == 0 ? 0.0 : r == 1 && kind % 6 < 2 ? -0.05 : (rng() % 100 + 1) / 100.0;
+      const double asked = operate(*tasks[i], kind % 6, d, static_cast<unsigned char>(rng() % 101));
+      const bool lowest = kind % 6 == 1;
+      if (asked == 0.0) {
+         m = -inf;
+      } else if (lowest && (m == -inf || std::abs(asked - remaining) < 1e-3)) {
+         m = std::min(m, tasks[i]->currentExpirationTime());  // queued, or too close to call
+      } else if (!lowest || asked < remaining) {
+         m = tasks[i]->currentExpirationTime();
+         ASSERT_GE(m + 1e-9, before + asked);
+         ASSERT_LE(m, Korvo::time() + asked + 1e-9);
+      }
+      ASSERT_NO_FATAL_FAILURE(check(i)) << step;
    }
    // Every outstanding arming runs exactly once, none early.
-   ASSERT_NO_FATAL_FAILURE(runLoop(2.0, -1));
-   doEventLoop();
-   size_t total = 0;
-   for (int j = 0; j < kTasks; ++j) {
-      total += tasks[j]->runTimes.size();
-      EXPECT_EQ(actualState(*tasks[j]), State::idle) << tasks[j]->taskName();
-   }
+   ASSERT_NO_FATAL_FAILURE(runLoop(2.0));
+   ASSERT_NO_FATAL_FAILURE(runLoop(1.0));
+   EXPECT_EQ(model, std::vector<double>(kTasks, inf));
    EXPECT_GT(total, 500u);
 }
 
@@ -192,9 +151,8 @@ TEST_F(TimerTaskTest, BadInputFailsWithItsMessageOrIsBounded) {
        {[&] { t->scheduleTaskPeriodic(0ns); }, "period: "},
        {[&] { t->scheduleTaskPeriodic(std::nan("")); }, "period: "},
    };
-   for (const auto& [call, message] : cases) {
-      EXPECT_THAT(KorvoTest::assertionText(call), testing::HasSubstr(message));
-   }
+   for (const auto& [call, message] : cases)
+      EXPECT_THAT(assertionText(call), HasSubstr(message));
    EXPECT_EQ(t->currentExpirationTime(), inf);  // none of them changed anything
    // A jitter of weeks in nanoseconds does not overflow; absurd delays are clamped,
    // infinite ones stop the timer.
@@ -225,17 +183,11 @@ TEST_F(TimerTaskTest, PeriodicRunsDoNotDriftAndSkipMissedPeriods) {
    };
    doEventLoop(3600.0 + 0.05);  // a virtual hour
    ASSERT_LE(t->runTimes.size(), 36000u);
-   for (size_t i = 0; i < t->runTimes.size(); i += 997) {
+   for (size_t i = 0; i < t->runTimes.size(); i += 997)
       EXPECT_GE(t->runTimes[i], start + 0.1 * static_cast<double>(i + 1) - 1e-6) << i;
-   }
    onTheGrid();
-   // A run 0.35 s late: the three periods it covered are skipped, not run in a burst.
-   t->body = [](Timer&) {
-      static bool once = true;
-      if (std::exchange(once, false)) {
-         Korvo::Platform::fastForwardBy(0.35);
-      }
-   };
+   // A run of 0.35 s: the periods it covered are skipped, not run in a burst.
+   t->runFor = 0.35;
    t->runTimes.clear();
    doEventLoop(1.0);
    EXPECT_LE(t->runTimes.size(), 8u);
