@@ -120,9 +120,7 @@ TEST(RootLoopTest, ARunsEndStartsTheNextDispatchUnlessAHandlerRanBetween) {
    FakeClock restores;  // a clock of one microsecond per read: the figures count reads
    Korvo::taskTimeSourceIs(
        [] { return FakeClock::advance(std::chrono::microseconds(1)), FakeClock::now(); });
-   struct : Korvo::Platform::CallbackHandler {
-      void callback() override {}
-   } between;
+   Handler between;
    auto poke = Korvo::Platform::getCallbackControl(&between);
    std::vector<int64_t> latencies;  // before runs 1 (fresh), 2 (after `between`), 3 (shared)
    auto task = Korvo::makeShared<LambdaTask>(
