@@ -82,6 +82,8 @@ void TaskSchedulerRoot::callback() {
 
 void TaskSchedulerRoot::handleSchedulerRun() {
    dispatchRoot(taskTime());
+   // Not the loop's call: the caller's own code goes on after this run, uncounted.
+   runEndCalls_ = noRunEnd;
 }
 
 bool TaskSchedulerRoot::resetStatsInProgress() const {
