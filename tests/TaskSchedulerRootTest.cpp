@@ -101,9 +101,8 @@ TEST(RootLoopTest, TheLoopDrivesTheRoot) {
    auto poke = Korvo::Platform::getCallbackControl(&poker);
    poker.then = [&] {
       order += "p";
-      if (poker.calls() < 3) {
+      if (poker.calls() < 3)
          poke->requestCallback();
-      }
    };
    poke->requestCallback();
    root->virtualTimeIs(true);
