@@ -49,8 +49,7 @@ TEST_F(HistoryTest, PrintShowsEventsNewestFirstInTheExactLayout) {
 }
 
 TEST_F(HistoryTest, EventsKeepTheirNamesAliveAndCheckTheirKind) {
-   auto t = makeTask(TaskPriority::normal, "ephemeral");
-   t.reset();
+   makeTask(TaskPriority::normal, "ephemeral");     // gone at once
    EXPECT_EQ(lastEvent(), "delete     ephemeral");  // the name lives on in the history
    root_->clearHistory();
    // The dead-task record holds it too, until statistics are cleared.
