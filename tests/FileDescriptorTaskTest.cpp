@@ -26,18 +26,17 @@ struct FdTask : Korvo::FileDescriptorTask {
    std::function<void()> onRead;
 };
 
-class FdTaskTest : public ::testing::Test {
-protected:
+struct FdTaskTest : ::testing::Test {
    ThrowOnAssert throwing_;
-   Pipe pipe_;
+   std::optional<Pipe> pipe_{std::in_place};
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("fdRoot");
    std::shared_ptr<FdTask> task_ = Korvo::makeShared<FdTask>(root_, TaskPriority::normal, "fd");
 };
 
 TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
-   pipe_.put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
+   pipe_->put("0123456789abcdefghijklmnopqrstuvwxyz");  // 36 bytes: three read runs
    // A fresh task watches no direction, so a readable descriptor reports nothing.
-   task_->taskWatchFdIs(pipe_.readFd());
+   task_->taskWatchFdIs(pipe_->readFd());
    pump();
    EXPECT_EQ(task_->taskRunCount() + task_->taskWorkPendingWritable(), 0u);
    task_->taskWatchReadableIs(true);
@@ -49,7 +48,7 @@ TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
    EXPECT_GT(task_->busyChanges, 0);
    // The write end of a pipe is always writable: one run per request.
    task_->taskWatchReadableIs(false);
-   task_->taskWatchFdIs(pipe_.writeFd());
+   task_->taskWatchFdIs(pipe_->writeFd());
    for (unsigned runs : {1u, 2u}) {
       task_->taskWatchWritableIs(true);
       pump();
@@ -59,9 +58,9 @@ TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
    // Queued directions stay queued for the same descriptor and leave for another.
    task_->taskWatchReadableIs(true);
    task_->scheduleTaskReadable();
-   task_->taskWatchFdIs(pipe_.writeFd());
+   task_->taskWatchFdIs(pipe_->writeFd());
    EXPECT_TRUE(task_->taskScheduledReadable());
-   task_->taskWatchFdIs(pipe_.readFd());
+   task_->taskWatchFdIs(pipe_->readFd());
    EXPECT_FALSE(task_->taskScheduled());
    // Suspending and resuming does not run a direction that is not watched.
    task_->taskWatchReadableIs(false);
@@ -71,17 +70,17 @@ TEST_F(FdTaskTest, DirectionsAreSeparateTasksWithTheirOwnRulesAndCounts) {
 }
 
 TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
-   task_->taskWatchFdIs(pipe_.readFd());
-   EXPECT_THAT(assertionText([&] { task_->readFdEvent(pipe_.readFd()); }),
+   task_->taskWatchFdIs(pipe_->readFd());
+   EXPECT_THAT(assertionText([&] { task_->readFdEvent(pipe_->readFd()); }),
                HasSubstr("readFdEvent() called with taskWatchReadable off"));
-   EXPECT_THAT(assertionText([&] { task_->writeFdEvent(pipe_.readFd()); }),
+   EXPECT_THAT(assertionText([&] { task_->writeFdEvent(pipe_->readFd()); }),
                HasSubstr("writeFdEvent() called with taskWatchWritable off"));
    EXPECT_THAT(assertionText([&] { task_->taskWorkCountWritableInc(1); }),
                HasSubstr("WriteTask not created by taskWatchWritableIs( true )"));
    EXPECT_THAT(assertionText([&] { task_->taskWatchFdIs(-1); }), HasSubstr("flags >= 0"));
    task_->taskWatchReadableIs(true);
    EXPECT_THAT(assertionText([&] { task_->readFdEvent(99); }),
-               HasSubstr("Notified about 99 watching " + std::to_string(pipe_.readFd())));
+               HasSubstr("Notified about 99 watching " + std::to_string(pipe_->readFd())));
    std::thread([&] {
       EXPECT_THAT(assertionText([&] { task_->taskWatchReadableIs(false); }),
                   HasSubstr("Executing in wrong thread "));
@@ -92,14 +91,13 @@ TEST_F(FdTaskTest, MisuseFailsWithItsMessage) {
 // A closed and reused number is watched afresh; a handler exception leaves the
 // task unusable; a handler may drop the last reference to its task.
 TEST_F(FdTaskTest, ReusedNumbersExceptionsAndSelfRelease) {
-   std::optional<Pipe> pipe{std::in_place};
-   const int fd = pipe->readFd();
+   const int fd = pipe_->readFd();
    task_->taskWatchReadableIs(true);
    task_->taskWatchFdIs(fd);
    task_->taskWatchFdDel();
-   pipe.emplace();  // closes the pipe, then opens one with the same numbers
-   ASSERT_EQ(pipe->readFd(), fd);
-   pipe->put("0123456789abcdefghijklmnopqrstuvwxyz");
+   pipe_.emplace();  // closes the pipe, then opens one with the same numbers
+   ASSERT_EQ(pipe_->readFd(), fd);
+   pipe_->put("0123456789abcdefghijklmnopqrstuvwxyz");
    task_->taskWatchFdIs(fd);
    task_->onRead = [] { throw std::runtime_error("handler failed"); };
    EXPECT_THROW(pump(), std::runtime_error);

@@ -26,8 +26,7 @@ struct Timer : Korvo::TimerTask {
    double runFor = 0.0;  // virtual seconds the next run takes
 };
 
-class TimerTaskTest : public ::testing::Test {
-protected:
+struct TimerTaskTest : ::testing::Test {
    std::shared_ptr<Timer> timer(const std::string& name) {
       return Korvo::makeShared<Timer>(root_, TaskPriority::normal, name);
    }
@@ -65,9 +64,8 @@ TEST_F(TimerTaskTest, RandomOperationsAgreeWithAReferenceModel) {
       const Timer& t = *tasks[j];
       ASSERT_EQ(t.taskStatus().taskOnRunQueue(), model[j] == -inf) << t.taskName();
       ASSERT_EQ(t.taskStatus().taskTimerRunning(), std::isfinite(model[j])) << t.taskName();
-      if (model[j] != -inf) {
-         ASSERT_EQ(t.currentExpirationTime(), model[j]) << t.taskName();
-      }
+      const double expiry = t.currentExpirationTime();  // "now" while queued
+      ASSERT_TRUE(model[j] == -inf ? expiry <= Korvo::time() : expiry == model[j]) << t.taskName();
    };
    // Each task runs at most once, never early and never while idle; one that fell due
    // may still wait in the wheel or on the queue, depending on the machine.
@@ -149,8 +147,6 @@ TEST_F(TimerTaskTest, BadInputFailsWithItsMessageOrIsBounded) {
    EXPECT_FALSE(t->taskBusy());
    t->scheduleTaskDelay(std::chrono::nanoseconds::max());
    EXPECT_EQ(t->timerRemaining(), inf);
-   t->scheduleTask();
-   EXPECT_LT(t->currentExpirationTime(), inf);  // "now" while queued
 }
 
 // Library time also moves with real time, so a slow machine may run a period late or
