@@ -25,18 +25,16 @@
  * cascades at most once.
  *
  * Since a pending record's tick is always after now and an expired one's never is, the tick
- * tells which it is. A record spliced onto the expired queue keeps a stale list index (setting
- * each would make the splice O(records)); only the queue's first record is given index 0, so that
- * every record that heads a list has that list's index and a removal finds the head to move
- * with one comparison. A stale index names a slot the record is no longer on, so it never
- * names a list the record heads.
+ * tells which it is, and the tick and now also tell which list a pending record is on; records
+ * carry no list index, so a splice onto the expired queue touches only the ends of the lists.
  *
  * A 256-bit bitmap per level marks the non-empty slots, and a 28-bit summary marks its non-zero
  * 64-bit words, so finding the lowest non-empty slot of a level is two ctz.
  *
- * Lists are circular and doubly linked with no sentinel; the list head is a pointer to the first
- * record (NULL when empty), so a slot costs 8 bytes and appending to the tail is O(1) through
- * first->prev. Appending keeps records of the same tick in arming order through every cascade.
+ * Lists are circular and doubly linked through a head of their own in the wheel (linked to
+ * itself when the list is empty), so that a removal writes only the two neighbours, whatever
+ * the record's place on its list; a list empties exactly when a removed record's neighbours are
+ * both the head. Appending keeps records of the same tick in arming order through every cascade.
  */
 
 enum {
@@ -57,9 +55,7 @@ enum {
 #define SPAN_BITS (LEVELS * LEVEL_BITS)
 
 struct timeouts {
-   /* First, at offset 0: the inline timeouts_del of the header reaches a list head as
-    * ((struct timeout**)T)[list]. */
-   struct timeout* lists[LISTS];
+   struct timeout_link lists[LISTS];
    timeout_t now;
    /* A lower bound of the parked ticks: exact after each add to the parked list and each pass
     * over it, merely low after deletes, which is all timeouts_timeout needs. */
@@ -69,41 +65,46 @@ struct timeouts {
    uint64_t slotBits[WORDS];
 };
 
-_Static_assert(offsetof(struct timeouts, lists) == 0,
-               "the header's timeouts_del needs the lists first");
+_Static_assert(offsetof(struct timeout, link) == 0, "a record's link must be its first field");
 _Static_assert(WORDS <= 32, "the summary of non-empty bitmap words must fit in 32 bits");
-_Static_assert(sizeof(struct timeouts) <= 16384, "a wheel must fit in 16 KiB");
+_Static_assert(sizeof(struct timeouts) <= 30720, "a wheel must fit in 30 KiB");
 _Static_assert(sizeof(struct timeout) <= 48, "a record must fit in 48 bytes");
 
 /* --- Circular lists ----------------------------------------------------------------------- */
 
-static inline void listAppend(struct timeout** head, struct timeout* to) {
-   struct timeout* first = *head;
-   if (!first) {
-      to->next = to->prev = to;
-      *head = to;
-      return;
-   }
-   struct timeout* last = first->prev;
-   to->next = first;
-   to->prev = last;
-   last->next = to;
-   first->prev = to;
+static inline struct timeout* recordOf(struct timeout_link* link) {
+   return (struct timeout*)(void*)link;
 }
 
-/* Returns true when the list became empty. */
-static inline bool listRemove(struct timeout** head, struct timeout* to) {
-   struct timeout* next = to->next;
-   if (next == to) {
-      *head = NULL;
-      return true;
-   }
-   struct timeout* prev = to->prev;
+static inline bool listEmpty(const struct timeout_link* head) {
+   return head->next == head;
+}
+
+static inline void listInit(struct timeout_link* head) {
+   head->next = head->prev = head;
+}
+
+static inline void listAppend(struct timeout_link* head, struct timeout* to) {
+   struct timeout_link* last = head->prev;
+   to->link.next = head;
+   to->link.prev = last;
+   last->next = &to->link;
+   head->prev = &to->link;
+}
+
+/* Joins a removed record's neighbours; the record's own links are left stale. The neighbours'
+ * lines are only written, and a written line that is not cached holds up the stores behind it;
+ * asking for both lines as soon as their addresses are known lets the misses overlap. */
+static inline void listJoin(struct timeout_link* prev, struct timeout_link* next) {
+   __builtin_prefetch(next, 1);
+   __builtin_prefetch(prev, 1);
    prev->next = next;
    next->prev = prev;
-   if (*head == to)
-      *head = next;
-   return false;
+}
+
+static inline void makeIdle(struct timeout* to) {
+   to->link.next = to->link.prev = NULL;
+   to->timeouts = NULL;
 }
 
 /* --- Bitmaps ------------------------------------------------------------------------------ */
@@ -150,42 +151,41 @@ static inline unsigned listOf(timeout_t expires, timeout_t now) {
 }
 
 static void park(struct timeouts* T, struct timeout* to) {
-   if (!T->lists[PARKED_LIST] || to->expires < T->parkedMin)
+   if (listEmpty(&T->lists[PARKED_LIST]) || to->expires < T->parkedMin)
       T->parkedMin = to->expires;
-   to->list = PARKED_LIST;
    listAppend(&T->lists[PARKED_LIST], to);
 }
 
-static inline void place(struct timeouts* T, struct timeout* to) {
-   unsigned list = listOf(to->expires, T->now);
+/* Appends the record to the list, which must be listOf(to->expires, T->now). */
+static inline void linkOn(struct timeouts* T, struct timeout* to, unsigned list) {
    if (__builtin_expect(list == PARKED_LIST, 0)) {
       park(T, to);
       return;
    }
-   to->list = list;
-   if (list != EXPIRED_LIST && !T->lists[list])
+   struct timeout_link* head = &T->lists[list];
+   if (list != EXPIRED_LIST && head->prev == head)
       slotMark(T, list - FIRST_SLOT);
-   listAppend(&T->lists[list], to);
+   listAppend(head, to);
 }
 
-/* Same as the header's timeouts_del; a record alone on its list empties it, which may also clear
- * the slot's bitmap bit. */
+static inline void place(struct timeouts* T, struct timeout* to) {
+   linkOn(T, to, listOf(to->expires, T->now));
+}
+
+/* Unlinks a record of T; the list it leaves may empty, which may clear the slot's bitmap bit.
+ * Its own links and back-pointer are left stale. */
 static inline void unlinkFrom(struct timeouts* T, struct timeout* to) {
-   struct timeout* next = to->next;
-   unsigned list = to->list;
-   if (next == to) {
-      T->lists[list] = NULL;
-      if (list - FIRST_SLOT < SLOTS)
-         slotClear(T, list - FIRST_SLOT);
+   struct timeout_link* next = to->link.next;
+   struct timeout_link* prev = to->link.prev;
+   if (next != prev) {
+      listJoin(prev, next);
       return;
    }
-   struct timeout* prev = to->prev;
-   prev->next = next;
-   next->prev = prev;
-   if (T->lists[list] == to) {
-      T->lists[list] = next;
-      next->list = list;
-   }
+   /* Alone on its list: both neighbours are the list's head. */
+   listInit(next);
+   unsigned list = (unsigned)(next - T->lists);
+   if (list - FIRST_SLOT < SLOTS)
+      slotClear(T, list - FIRST_SLOT);
 }
 
 /* --- Records ------------------------------------------------------------------------------ */
@@ -197,8 +197,10 @@ struct timeout* timeout_init(struct timeout* to, int flags) {
 }
 
 void timeouts_del_slow(struct timeout* to) {
+   if (!to->timeouts)
+      return;
    unlinkFrom(to->timeouts, to);
-   to->timeouts = NULL;
+   makeIdle(to);
 }
 
 bool timeout_pending(const struct timeout* to) {
@@ -230,29 +232,28 @@ struct timeouts* timeouts_open(timeout_t hz, int* error) {
       return NULL;
    }
    memset(T, 0, sizeof *T);
+   for (unsigned list = 0; list < LISTS; list++)
+      listInit(&T->lists[list]);
    T->hz = hz ? hz : 1000;
    if (error)
       *error = 0;
    return T;
 }
 
-/* Clears the back-pointer of every record on one list. */
-static void listOrphan(struct timeout* first) {
-   if (!first)
-      return;
-   struct timeout* to = first;
-   do {
-      struct timeout* next = to->next;
-      to->timeouts = NULL;
-      to = next;
-   } while (to != first);
+/* Makes every record on one list idle. */
+static void listOrphan(struct timeout_link* head) {
+   for (struct timeout_link* link = head->next; link != head;) {
+      struct timeout_link* next = link->next;
+      makeIdle(recordOf(link));
+      link = next;
+   }
 }
 
 void timeouts_close(struct timeouts* T) {
    if (!T)
       return;
    for (unsigned list = 0; list < LISTS; list++)
-      listOrphan(T->lists[list]);
+      listOrphan(&T->lists[list]);
    free(T);
 }
 
@@ -268,21 +269,22 @@ timeout_t timeouts_hz(const struct timeouts* T) {
  * front are placed at once, records met from the back are stacked (through their next links,
  * which are no longer needed) and placed after the two walks meet, which restores list order. */
 static void redistribute(struct timeouts* T, unsigned list) {
-   struct timeout* front = T->lists[list];
-   T->lists[list] = NULL;
+   struct timeout_link* head = &T->lists[list];
+   struct timeout_link* front = head->next;
+   struct timeout_link* back = head->prev;
+   listInit(head);
    if (list - FIRST_SLOT < SLOTS)
       slotClear(T, list - FIRST_SLOT);
-   struct timeout* back = front->prev;
-   struct timeout* stack = NULL;
+   struct timeout_link* stack = NULL;
    for (;;) {
       if (front == back) {
-         place(T, front);
+         place(T, recordOf(front));
          break;
       }
       /* Placing relinks a record, so take both walks' next steps first. */
-      struct timeout* frontNext = front->next;
-      struct timeout* backPrev = back->prev;
-      place(T, front);
+      struct timeout_link* frontNext = front->next;
+      struct timeout_link* backPrev = back->prev;
+      place(T, recordOf(front));
       back->next = stack;
       stack = back;
       if (frontNext == back)
@@ -291,18 +293,18 @@ static void redistribute(struct timeouts* T, unsigned list) {
       back = backPrev;
    }
    while (stack) {
-      struct timeout* to = stack;
-      stack = to->next;
-      place(T, to);
+      struct timeout_link* link = stack;
+      stack = link->next;
+      place(T, recordOf(link));
    }
 }
 
 /* Brings the first records of a list into the cache, walking from both ends at once so that two
  * misses are in flight. timeouts_get would otherwise meet them one miss at a time, as each
  * record's successor is known only once the record has been read. */
-static void warm(struct timeout* first) {
-   struct timeout* front = first;
-   struct timeout* back = first->prev;
+static void warm(struct timeout_link* first, struct timeout_link* last) {
+   struct timeout_link* front = first;
+   struct timeout_link* back = last;
    for (unsigned steps = 0; steps < 256 && front != back && front->next != back; steps++) {
       front = front->next;
       back = back->prev;
@@ -312,22 +314,19 @@ static void warm(struct timeout* first) {
 /* Moves a whole slot's list to the tail of the expired queue: O(1), whatever its length, but for
  * warming the records when the queue was empty (then they are about to be taken). */
 static void expireSlot(struct timeouts* T, unsigned list) {
-   struct timeout* first = T->lists[list];
-   T->lists[list] = NULL;
+   struct timeout_link* slot = &T->lists[list];
+   struct timeout_link* first = slot->next;
+   struct timeout_link* last = slot->prev;
+   listInit(slot);
    slotClear(T, list - FIRST_SLOT);
-   struct timeout* head = T->lists[EXPIRED_LIST];
-   if (!head) {
-      T->lists[EXPIRED_LIST] = first;
-      first->list = EXPIRED_LIST;
-      warm(first);
-      return;
-   }
-   struct timeout* last = first->prev;
-   struct timeout* tail = head->prev;
+   struct timeout_link* queue = &T->lists[EXPIRED_LIST];
+   struct timeout_link* tail = queue->prev;
+   if (tail == queue)
+      warm(first, last);
    tail->next = first;
    first->prev = tail;
-   last->next = head;
-   head->prev = last;
+   last->next = queue;
+   queue->prev = last;
 }
 
 void timeouts_update(struct timeouts* T, timeout_t tick) {
@@ -350,7 +349,7 @@ void timeouts_update(struct timeouts* T, timeout_t tick) {
             expireSlot(T, list);
       }
    }
-   if (T->lists[PARKED_LIST] && (old >> SPAN_BITS) != (tick >> SPAN_BITS))
+   if (!listEmpty(&T->lists[PARKED_LIST]) && (old >> SPAN_BITS) != (tick >> SPAN_BITS))
       redistribute(T, PARKED_LIST);
 }
 
@@ -359,7 +358,7 @@ void timeouts_step(struct timeouts* T, timeout_t ticks) {
 }
 
 timeout_t timeouts_timeout(const struct timeouts* T) {
-   if (T->lists[EXPIRED_LIST])
+   if (!listEmpty(&T->lists[EXPIRED_LIST]))
       return 0;
    if (T->nonempty) {
       /* The lowest non-empty word of the summary belongs to the lowest non-empty level, which
@@ -371,7 +370,7 @@ timeout_t timeouts_timeout(const struct timeouts* T) {
       timeout_t start = ((block << LEVEL_BITS) | (slot % LEVEL_SLOTS)) << shift;
       return start - T->now;
    }
-   if (T->lists[PARKED_LIST]) {
+   if (!listEmpty(&T->lists[PARKED_LIST])) {
       /* Parked records enter the wheel when now's top byte reaches theirs. parkedMin's top
        * byte is above now's: it was exact at the last pass over the list, which happens
        * whenever now's top byte changes. */
@@ -424,22 +423,22 @@ static bool rearm(struct timeouts* T, struct timeout* to) {
 }
 
 struct timeout* timeouts_get(struct timeouts* T) {
-   struct timeout* to = T->lists[EXPIRED_LIST];
-   if (!to)
+   struct timeout_link* queue = &T->lists[EXPIRED_LIST];
+   if (listEmpty(queue))
       return NULL;
-   if (!listRemove(&T->lists[EXPIRED_LIST], to))
-      T->lists[EXPIRED_LIST]->list = EXPIRED_LIST;
+   struct timeout* to = recordOf(queue->next);
+   listJoin(queue, to->link.next);
    if (!(to->flags & TIMEOUT_INT) || !to->interval || !rearm(T, to))
-      to->timeouts = NULL;
+      makeIdle(to);
    return to;
 }
 
 bool timeouts_pending(const struct timeouts* T) {
-   return T->nonempty || T->lists[PARKED_LIST];
+   return T->nonempty || !listEmpty(&T->lists[PARKED_LIST]);
 }
 
 bool timeouts_expired(const struct timeouts* T) {
-   return T->lists[EXPIRED_LIST] != NULL;
+   return !listEmpty(&T->lists[EXPIRED_LIST]);
 }
 
 /* --- Iteration ---------------------------------------------------------------------------- */
@@ -447,7 +446,7 @@ bool timeouts_expired(const struct timeouts* T) {
 /* The first non-empty list at or after index list that the flags select, or LISTS. */
 static unsigned nextList(const struct timeouts* T, int flags, unsigned list) {
    if (list == EXPIRED_LIST) {
-      if ((flags & TIMEOUTS_EXPIRED) && T->lists[EXPIRED_LIST])
+      if ((flags & TIMEOUTS_EXPIRED) && !listEmpty(&T->lists[EXPIRED_LIST]))
          return EXPIRED_LIST;
       list = FIRST_SLOT;
    }
@@ -459,7 +458,7 @@ static unsigned nextList(const struct timeouts* T, int flags, unsigned list) {
          return FIRST_SLOT + (slot & ~63u) + (unsigned)__builtin_ctzll(bits);
       slot = (slot & ~63u) + 64;
    }
-   return T->lists[PARKED_LIST] ? PARKED_LIST : LISTS;
+   return listEmpty(&T->lists[PARKED_LIST]) ? LISTS : PARKED_LIST;
 }
 
 struct timeout* timeouts_next(struct timeouts* T, struct timeouts_it* it) {
@@ -470,16 +469,16 @@ struct timeout* timeouts_next(struct timeouts* T, struct timeouts_it* it) {
       it->list = nextList(T, it->flags, it->list);
       if (it->list >= LISTS)
          return NULL;
-      to = T->lists[it->list];
+      to = recordOf(T->lists[it->list].next);
    }
    /* Decide the successor now, while the list is as the caller last saw it: the caller may
     * delete or move the record we return. Reaching the head again ends this list. */
-   struct timeout* next = to->next;
-   if (next == T->lists[it->list]) {
+   struct timeout_link* next = to->link.next;
+   if (next == &T->lists[it->list]) {
       it->next = NULL;
       it->list++;
    } else {
-      it->next = next;
+      it->next = recordOf(next);
    }
    if (it->flags & TIMEOUTS_CLEAR)
       timeouts_del(T, to);
@@ -503,12 +502,10 @@ struct timeout* timeouts_next(struct timeouts* T, struct timeouts_it* it) {
 static bool checkRecord(const struct timeouts* T, unsigned list, const struct timeout* to,
                         FILE* fp) {
    bool ok = true;
-   CHECK(to->next->prev == to, "list %u: record %p: next->prev is %p", list, (const void*)to,
-         (const void*)to->next->prev);
+   CHECK(to->link.next->prev == &to->link, "list %u: record %p: next->prev is %p", list,
+         (const void*)to, (const void*)to->link.next->prev);
    CHECK(to->timeouts == T, "list %u: record %p: wheel is %p, expected %p", list, (const void*)to,
          (const void*)to->timeouts, (const void*)T);
-   CHECK(to->list == list || (list == EXPIRED_LIST && T->lists[list] != to),
-         "list %u: record %p: records list %u", list, (const void*)to, to->list);
    unsigned expected = listOf(to->expires, T->now);
    CHECK(expected == list, "list %u: record %p: tick %llu at now %llu belongs on list %u", list,
          (const void*)to, (unsigned long long)to->expires, (unsigned long long)T->now, expected);
@@ -519,21 +516,22 @@ static bool checkRecord(const struct timeouts* T, unsigned list, const struct ti
  * (every step checks next->prev, so a cycle that skips the head is caught). */
 static bool checkList(const struct timeouts* T, unsigned list, FILE* fp) {
    bool ok = true;
-   const struct timeout* first = T->lists[list];
+   const struct timeout_link* head = &T->lists[list];
+   const bool empty = listEmpty(head);
    if (list - FIRST_SLOT < SLOTS) {
       unsigned slot = list - FIRST_SLOT;
       bool marked = (T->slotBits[slot / 64] >> (slot % 64)) & 1;
-      CHECK(marked == (first != NULL), "list %u: bitmap says %s, list is %s", list,
-            marked ? "non-empty" : "empty", first ? "non-empty" : "empty");
+      CHECK(marked == !empty, "list %u: bitmap says %s, list is %s", list,
+            marked ? "non-empty" : "empty", empty ? "empty" : "non-empty");
    }
-   if (!first)
+   CHECK(head->next->prev == head, "list %u: head's next->prev is %p", list,
+         (const void*)head->next->prev);
+   if (!ok)
       return ok;
-   const struct timeout* to = first;
-   do {
-      if (!checkRecord(T, list, to, fp))
+   for (const struct timeout_link* link = head->next; link != head; link = link->next) {
+      if (!checkRecord(T, list, (const struct timeout*)(const void*)link, fp))
          return false;
-      to = to->next;
-   } while (to != first);
+   }
    return ok;
 }
 

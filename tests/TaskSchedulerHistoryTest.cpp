@@ -64,13 +64,12 @@ TEST_F(HistoryTest, EventsKeepTheirNamesAliveAndCheckTheirKind) {
    EXPECT_EQ(root_->stringCache().find("ephemeral"), nullptr);
 
    auto u = makeTask(TaskPriority::normal, "u");
-   const Korvo::TaskScheduler* s = sched_.get();
-   const auto now = FakeClock::now();
    using E = Korvo::TaskSchedulerHistory::Event;
-   EXPECT_THAT(assertionText([&] { E(now, TaskSchedulerEventType::schedulerIdle, u.get()); }),
+   using enum TaskSchedulerEventType;
+   EXPECT_THAT(assertionText([&] { E(FakeClock::now(), schedulerIdle, u.get()); }),
                AllOf(HasSubstr("TaskSchedulerCpp:Event:"), HasSubstr("EventType: 15")));
-   EXPECT_THAT(assertionText([&] { E(now, TaskSchedulerEventType(24), u.get()); }),
+   EXPECT_THAT(assertionText([&] { E(FakeClock::now(), TaskSchedulerEventType(24), u.get()); }),
                AllOf(HasSubstr("eventNeedTask"), HasSubstr("unexpected eventType=24")));
-   EXPECT_THAT(assertionText([&] { E(now, TaskSchedulerEventType::busy, s); }),
+   EXPECT_THAT(assertionText([&] { E(FakeClock::now(), busy, sched_.get()); }),
                HasSubstr("EventType: 12"));
 }

@@ -22,7 +22,7 @@ size_t count(timeouts* T, int flags) {
 
 TEST(TimeoutsTest, OpenCheckAndClose) {
    EXPECT_EQ(timeouts_version(), unsigned{TIMEOUTS_VERSION});
-   EXPECT_LE(timeouts_sizeof(), 16384u);
+   EXPECT_LE(timeouts_sizeof(), 30720u);
    int error = -1;
    timeouts* T = timeouts_open(0, &error);
    EXPECT_EQ(error, 0);
