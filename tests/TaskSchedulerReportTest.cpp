@@ -54,16 +54,14 @@ TEST_F(ReportTest, GoldenReport) {
    auto other = makeTask(TaskPriority::high, "other;sync", busyFor(2ms, 1, 0));
    auto flows = Korvo::TaskGroup::TaskGroupIs("flows", TaskPriority::high, false, root_);
    flows->taskGroupQuantumIs(5ms);
-   auto rx = makeTask(
-       TaskPriority::normal, "flows;rx",
-       [](LambdaTask& t) {
-          FakeClock::advance(2ms);
-          t.taskWorkCountInc(16);
-          if (t.runs % 4 != 0) {
-             t.scheduleTask();  // more than a quantum
-          }
-       },
-       flows);
+   auto rx = makeTask(TaskPriority::normal, "flows;rx", {}, flows);
+   rx->bodyIs([](LambdaTask& t) {
+      FakeClock::advance(2ms);
+      t.taskWorkCountInc(16);
+      if (t.runs % 4 != 0) {
+         t.scheduleTask();  // more than a quantum
+      }
+   });
    auto tx = makeTask(TaskPriority::low, "flows;tx", busyFor(1ms, 4, 2), flows);
    for (int round = 0; round < 3; ++round) {
       for (auto* t : {poll.get(), flush.get(), compact.get(), rx.get(), tx.get()}) {
