@@ -54,20 +54,17 @@ struct Handler : P::TimeoutHandler, P::CallbackHandler, P::FdEventHandler {
    std::shared_ptr<P::CallbackControl> self;
 };
 
-// Tasks (true) or the event loop (false) behind the controls.
+// Tasks (true, at the default priority) or the event loop (false) behind the controls.
 class ControlTest : public ::testing::TestWithParam<bool> {
 protected:
    std::shared_ptr<P::TimerControl> timer(Handler* h) {
-      return GetParam() ? P::getTimerControl(h, root_, TaskPriority::normal, "timer")
-                        : P::getTimerControl(h);
+      return GetParam() ? P::getTimerControl(h, root_, {}, "timer") : P::getTimerControl(h);
    }
    std::shared_ptr<P::CallbackControl> callback(Handler* h) {
-      return GetParam() ? P::getCallbackControl(h, root_, TaskPriority::normal, "callback")
-                        : P::getCallbackControl(h);
+      return GetParam() ? P::getCallbackControl(h, root_, {}, "cb") : P::getCallbackControl(h);
    }
    std::shared_ptr<P::FdControl> fd(Handler* h) {
-      return GetParam() ? P::getFdControl(h, root_, TaskPriority::normal, "fd")
-                        : P::getFdControl(h);
+      return GetParam() ? P::getFdControl(h, root_, {}, "fd") : P::getFdControl(h);
    }
    ThrowOnAssert throwing_;
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("ctl");
@@ -97,13 +94,12 @@ TEST_P(ControlTest, EchoOverASocketpair) {
 }
 
 TEST_P(ControlTest, ExceptionPolicy) {
-   for (int kind : {0, 1, 2}) {  // timer, callback, descriptor
+   for (int kind : {0, 1, 2})  // timer, callback, descriptor
       for (bool handles : {false, true}) {
          SCOPED_TRACE(testing::Message() << "kind " << kind << " handles " << handles);
          root_ = Korvo::schedulerRootKorvoNonShared("ctl");  // a fresh one after a throw
          Handler thrower;
-         thrower.thrower = true;
-         thrower.handles = handles;
+         thrower.thrower = true, thrower.handles = handles;
          SocketPair pair;
          ASSERT_EQ(::write(pair.fds[1], "x", 1), 1);
          auto t = timer(&thrower);
@@ -112,15 +108,13 @@ TEST_P(ControlTest, ExceptionPolicy) {
          kind == 0 ? t->setTimeout(0.0) : kind == 1 ? c->requestCallback() : f->setFd(pair.fds[0]);
          // Task-backed timers and callbacks never ask: the exception is the scheduler's.
          const bool asks = !GetParam() || kind == 2;
-         if (asks && handles) {
+         if (asks && handles)
             EXPECT_NO_THROW(pump(5));
-         } else {
+         else
             EXPECT_THROW(pump(5), std::runtime_error);
-         }
          EXPECT_EQ(thrower.offered > 0, asks);
          EXPECT_TRUE(kind != 2 || !handles || thrower.offered > 1);  // still watching
       }
-   }
 }
 
 TEST_P(ControlTest, RequestsCoalesceAndNeverRunInsideTheCall) {
