@@ -124,6 +124,8 @@ TEST_F(TaskSchedulerTest, CountsAndStatisticsOfLiveAndDeadTasks) {
    sched_->getTaskStats(&stats, false);  // appends
    ASSERT_EQ(stats.size(), 5u);
    EXPECT_EQ(sched_->taskStatForTest("c").taskKey(), Korvo::TaskKey(c.get()));
+   EXPECT_EQ(sched_->taskStatForTest("?").taskName().str(), "");
+   EXPECT_EQ(sched_->deadTaskStatForTest("?").taskName().str(), "");
    b->scheduleTask(), c->scheduleTask();
    drain(*sched_);
    a.reset(), b.reset(), quiet.reset();
