@@ -427,7 +427,9 @@ struct timeout* timeouts_get(struct timeouts* T) {
    if (listEmpty(queue))
       return NULL;
    struct timeout* to = recordOf(queue->next);
-   listJoin(queue, to->link.next);
+   struct timeout_link* next = to->link.next;
+   queue->next = next;
+   next->prev = queue;
    if (!(to->flags & TIMEOUT_INT) || !to->interval || !rearm(T, to))
       makeIdle(to);
    return to;
