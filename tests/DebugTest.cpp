@@ -12,9 +12,7 @@
 
 using Korvo::Nyx::DebugControl;
 using Handler = std::shared_ptr<Korvo::Platform::DebugHandler>;
-using Korvo::Platform::clearKorvoDebug;
-using Korvo::Platform::getDebugHandler;
-using Korvo::Platform::setupKorvoDebug;
+using namespace Korvo::Platform;
 
 std::string display(const Handler& h) {
    return static_cast<Korvo::Nyx::DebugHandler&>(*h).displayString();
@@ -25,9 +23,9 @@ TEST(DebugTest, HandlersShowTheirLevelsAndFollowTheRegistry) {
    Korvo::Nyx::DebugHandler fixed("DtKFixed", 0, true), own("DtOwn", 0, false);
    setupKorvoDebug("DtApp/3x7,DtK*/1,DtKTask*/5,DtKFixed/*");
    clearKorvoDebug(nullptr);
+   // The longest matching prefix carries both levels.
    EXPECT_EQ(display(app) + " " + display(getDebugHandler("DtKTaskGroup")),
-             "DtApp/37 DtKTaskGroup/15")
-       << "the longest prefix carries both";
+             "DtApp/37 DtKTaskGroup/15");
    EXPECT_EQ(fixed.displayString(), "DtKFixed+/") << "fixed levels ignore the registry";
    testing::internal::CaptureStderr();
    EXPECT_EQ(display(getDebugHandler("DtApp*")), "DtApp/37");
@@ -46,10 +44,9 @@ TEST(DebugTest, HandlersShowTheirLevelsAndFollowTheRegistry) {
    os << 255 << " " << Korvo::DisplayPointer(reinterpret_cast<void*>(0xabc)) << " " << 255 << " "
       << Korvo::DisplaySubString("abcdef", 2, 3) << " " << Korvo::DisplayPointer(nullptr);
    EXPECT_EQ(os.str(), "255 0x0000000000000abc 255 cde NULL");
-   const int n = 5;
-   EXPECT_EQ(Korvo::Fmt::Impl::vformatstr("f.cpp", 12, true, "run", "Task", "n={}",
-                                          fmt::make_format_args(n)),
-             "f.cpp:12: Task::run() n=5");
+   EXPECT_EQ(Korvo::Fmt::Impl::vformatstr("f.cpp", 12, true, "run", "Task", "w={}",
+                                          fmt::make_format_args(word)),
+             "f.cpp:12: Task::run() w=64");
 }
 
 // A plain model of the registry: the levels of every exact and wildcard entry and
@@ -102,7 +99,7 @@ TEST(DebugTest, RandomTraceStringsMatchTheModel) {
    std::vector<std::pair<Handler, size_t>> live;  // and its place in the model
    auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
    auto registry = [](const auto* map) {  // the levels of the registry's "Rz" entries
-      Korvo::Platform::LocoGuard guard;
+      LocoGuard guard;
       std::map<std::string, uint32_t> entries;
       for (auto& [name, control] : *map)
          if (name.rfind("Rz", 0) == 0)
@@ -116,14 +113,12 @@ TEST(DebugTest, RandomTraceStringsMatchTheModel) {
       for (size_t i = pick(4); i > 0; --i)
          levels += "0123456789*x/-"[pick(14)];
       const std::string item = name + (wild ? "*" : "") + "/" + levels;
-      const uint32_t bits = DebugControl::parseLevels(levels);
-      const size_t action = pick(5);
-      if (action < 2) {
+      if (const size_t action = pick(5); action < 2) {
          setupKorvoDebug(item.c_str());
-         model.set(name, wild, bits);
+         model.set(name, wild, DebugControl::parseLevels(levels));
       } else if (action < 4) {
          clearKorvoDebug(item.c_str());
-         model.clear(name, wild, bits);
+         model.clear(name, wild, DebugControl::parseLevels(levels));
       } else {
          live.emplace_back(getDebugHandler(name), model.handlers.size());
          model.handlers.emplace_back(
@@ -169,7 +164,6 @@ void mismatchedTrace(const Handler& handler) {
 // match a regular expression.
 TEST(TraceEnvTest, TraceTraceFormatAndTraceFile) {
    KorvoTest::TempDir dir;
-   const std::string file = dir.file("trace.log");
    std::string huge(40000, '/');
    for (int i = 0; i < 8000; ++i)
       huge += "Big" + std::to_string(i % 7) + "/9x,";
@@ -201,7 +195,7 @@ TEST(TraceEnvTest, TraceTraceFormatAndTraceFile) {
        {{"TRACEFORMAT=level", "TRACEFILE=" + dir.path()},
         {"trace:KorvoT:0:x"},
         failed + failed + "0 x\n"},
-       {{"TRACEFORMAT=level", "TRACEFILE=" + file},
+       {{"TRACEFORMAT=level", "TRACEFILE=" + dir / "trace.log"},
         {"trace:KorvoT:0:one", "setup", "trace:KorvoT:0:two", "unsetenv:TRACEFILE", "setup",
          "trace:KorvoT:0:3"},
         "0 3\n"},
@@ -214,5 +208,5 @@ TEST(TraceEnvTest, TraceTraceFormatAndTraceFile) {
       EXPECT_EQ(r.exitCode, 0);
       EXPECT_TRUE(std::regex_match(r.out + r.err, std::regex(c.output))) << r.out << r.err;
    }
-   EXPECT_EQ(KorvoTest::slurp(file), "0 one\n0 two\n") << "kept, then reopened";
+   EXPECT_EQ(KorvoTest::slurp(dir / "trace.log"), "0 one\n0 two\n") << "kept, then reopened";
 }

@@ -2,7 +2,6 @@
 
 #include <Korvo/Thread.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sstream>
@@ -43,9 +42,8 @@ TEST(RootSlotTest, EachThreadGetsItsOwnNamedRoot) {
       // Runs its destructor after the root slot's: the thread's event base goes last.
       thread_local EventBaseOfThisThread base;
       other = Korvo::schedulerRootKorvo();
-      std::ostringstream id;
-      id << "thread:" << std::this_thread::get_id();
-      EXPECT_EQ(other.lock()->schedulerName().str(), id.str());
+      EXPECT_EQ(other.lock()->schedulerName().str(),
+                "thread:" + testing::PrintToString(std::this_thread::get_id()));
    }).join();
    EXPECT_TRUE(other.expired());  // the thread's slot let go of its root when it ended
 }
@@ -80,13 +78,7 @@ TEST_F(RootTest, RegistryAndThreadBinding) {
    t->unscheduleTask();
    // A child forked by another thread is that thread alone, but in another process.
    std::thread([&] {
-      const pid_t child = fork();
-      if (child == 0) {
-         _exit(assertionText([&] { t->scheduleTask(); }).empty() ? 0 : 1);
-      }
-      int status = 0;
-      EXPECT_EQ(waitpid(child, &status, 0), child);
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+      EXPECT_EXIT((t->scheduleTask(), _exit(0)), testing::ExitedWithCode(0), "");
    }).join();
    rooted->unscheduleTask();
 }
@@ -96,25 +88,19 @@ TEST_F(RootTest, RegistryAndThreadBinding) {
 TEST(RootLoopTest, TheLoopDrivesTheRoot) {
    ThrowOnAssert throwing;
    auto root = Korvo::schedulerRootKorvoNonShared("loopRoot");
-   std::vector<std::string> order;
-   auto task = [&](TaskPriority p, const char* name, int again = 0) {
-      return Korvo::makeShared<LambdaTask>(root, p, name, [&order, again](LambdaTask& self) {
-         order.push_back(self.taskName().str());
-         if (self.runs <= again) {
-            self.scheduleTask();
-         }
-      });
-   };
-   auto low = task(TaskPriority::low, "low"), high = task(TaskPriority::high, "high");
-   auto normal = task(TaskPriority::normal, "normal", 1);
-   for (auto* t : {low.get(), normal.get(), high.get()}) {
-      t->scheduleTask();
+   std::string order;
+   std::vector<std::shared_ptr<LambdaTask>> tasks;
+   for (auto p :
+        {TaskPriority::low, TaskPriority::high, TaskPriority::normal, TaskPriority::normal}) {
+      tasks.push_back(Korvo::makeShared<LambdaTask>(root, p, "t", [&order](LambdaTask& self) {
+         order += self.taskPriority().oneCharString();
+      }));
+      tasks.back()->scheduleTask();
    }
-   // A client asking for one callback at a time, three times.
-   Handler poker;
+   Handler poker;  // a client asking for one callback at a time, three times
    auto poke = Korvo::Platform::getCallbackControl(&poker);
    poker.then = [&] {
-      order.push_back("poke");
+      order += "p";
       if (poker.calls() < 3) {
          poke->requestCallback();
       }
@@ -122,11 +108,31 @@ TEST(RootLoopTest, TheLoopDrivesTheRoot) {
    poke->requestCallback();
    root->virtualTimeIs(true);
    Korvo::Platform::doEventLoop();  // returns once nothing is left registered
-   EXPECT_EQ(order,
-             (std::vector<std::string>{"high", "poke", "normal", "poke", "normal", "poke", "low"}));
+   EXPECT_EQ(order, "HpNpNpL");
    EXPECT_FALSE(root->virtualTime());  // off by the time the loop runs a task
    root->suspendedIs(true);
-   low->scheduleTask();
+   tasks[0]->scheduleTask();
    Korvo::Platform::doEventLoop();  // the one callback is ignored and asks for no other
-   EXPECT_EQ(low->runs, 1);
+   EXPECT_EQ(tasks[0]->runs, 1);
+}
+
+TEST(RootLoopTest, ARunsEndStartsTheNextDispatchUnlessAHandlerRanBetween) {
+   FakeClock restores;  // a clock of one microsecond per read: the figures count reads
+   Korvo::taskTimeSourceIs(
+       [] { return FakeClock::advance(std::chrono::microseconds(1)), FakeClock::now(); });
+   struct : Korvo::Platform::CallbackHandler {
+      void callback() override {}
+   } between;
+   auto poke = Korvo::Platform::getCallbackControl(&between);
+   std::vector<int64_t> latencies;  // before runs 1 (fresh), 2 (after `between`), 3 (shared)
+   auto task = Korvo::makeShared<LambdaTask>(
+       Korvo::schedulerRootKorvoNonShared("reads"), TaskPriority::normal, "again", [&](auto& t) {
+          latencies.push_back(t.taskLastSchedulingLatency().count() / 1000);
+          t.runs == 1 ? poke->requestCallback() : void();
+          t.runs < 3 ? t.scheduleTask() : void();  // stamped with the run's end
+       });
+   task->scheduleTask();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(latencies, (std::vector<int64_t>{1, 1, 0}));
+   EXPECT_EQ(task->taskTotalRunTime(), std::chrono::microseconds(3));  // one read per run
 }
