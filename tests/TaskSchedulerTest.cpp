@@ -102,7 +102,7 @@ TEST_F(TaskSchedulerTest, MisuseFailsWithItsMessage) {
        {[&] { sched_->taskUnregister(t.get()); }, " scheduled on unregister"},
        {[&] { queue.movePersistentToTemporary(); },
         "The temporary run queue should always be empty at this point"},
-       {[&] { sched_->tasksPerPriorityDec(TaskPriority::low); }, "Priority: low count: 0"},
+       {[&] { sched_->tasksPerPriorityDec({}); }, "Priority: absolute count: 0"},
        {[&] { sched_->runTaskCount(TaskPriority(6u)); }, "6"},
        {[&] { t->taskQuantumIs(1s + 1ns); }, "Quantum: 1000000001"},
        {[&] { t->taskQuantumNoCheckIs(-5ns); }, "Quantum: -5"},
