@@ -13,7 +13,7 @@ const std::string& ConstStringRef::emptyString() {
    return empty;
 }
 
-void ConstStringRef::Elem::refCountDec() const {
+void ConstStringRef::Elem::refCountDecLast() const {
    KORVO_ASSERT_IN(kSource, refCount_ > 0,
                    "refCountDec() of \"" << text_ << "\" with no reference left");
    if (--refCount_ == 0) {

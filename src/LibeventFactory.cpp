@@ -309,20 +309,16 @@ void LibeventTimerControl::handleExpiry() {
 
 // ---- Callback control.
 
+LibeventTimerControl::LibeventTimerControl(event_callback_fn fire) : timeoutHandler_(nullptr) {
+   event_assign(&event_, owner_.base(), -1, 0, fire, this);
+}
+
 LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
-    : LibeventTimerControl(this), callbackHandler_(handler) {}
+    : LibeventTimerControl(&LibeventCallbackControl::handleCallback), callbackHandler_(handler) {}
 
 LibeventCallbackControl::~LibeventCallbackControl() {
    KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::cancelCallback",
                     "Callback " << DisplayPointer(this) << " cancel");
-}
-
-void LibeventCallbackControl::requestCallback() {
-   KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::requestCallback",
-                    "Callback " << DisplayPointer(this) << " request");
-   // A zero timeout runs on the next pass, after the callbacks of the current one; a
-   // second request re-adds the same event, so requests coalesce.
-   LibeventTimerControl::setTimeout(0.0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
@@ -335,7 +331,13 @@ bool LibeventCallbackControl::pendingCallback() const {
    return LibeventTimerControl::pending();
 }
 
-void LibeventCallbackControl::timeout() {
+void LibeventCallbackControl::handleCallback(evutil_socket_t, short, void* control) {
+   // The event's argument is the timer part of this control.
+   auto* self = static_cast<LibeventCallbackControl*>(static_cast<LibeventTimerControl*>(control));
+   callFromLoop([self] { self->runCallback(); });
+}
+
+void LibeventCallbackControl::runCallback() {
    KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::timeout",
                     "Callback " << DisplayPointer(this) << " execute");
    Platform::CallbackHandler* handler = callbackHandler_;

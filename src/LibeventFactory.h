@@ -185,6 +185,18 @@ public:
    void handleExpiry();
    static void handleTimeout(evutil_socket_t, short, void* control);
 
+protected:
+   // For a control that serves its event with a libevent callback of its own (given
+   // this timer control as argument) and has no timeout handler.
+   explicit LibeventTimerControl(event_callback_fn fire);
+   // Arms the event to run on the next loop pass, as setTimeout(0) does, without the
+   // conversion of a delay.
+   void addZeroTimeout(const char* operation) {
+      owner_.check(operation);
+      static constexpr timeval zero{0, 0};
+      event_add(&event_, &zero);
+   }
+
 private:
    // Unchecked: also called by the destructor, which may run on any thread once the
    // control's own thread has ended.
@@ -195,21 +207,31 @@ private:
    event event_;
 };
 
-// A callback is a zero-length timer of the control itself.
-class KORVO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
-                                             private Platform::TimeoutHandler,
-                                             private LibeventTimerControl {
+// A callback is a zero-length timer of the control itself. The libevent callback
+// calls the client's handler directly, so a request costs one event_add and a
+// delivery one handler call, about what a raw libevent event costs.
+class KORVO_EXPORT LibeventCallbackControl final : public Platform::CallbackControl,
+                                                   private LibeventTimerControl {
 public:
    explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
    ~LibeventCallbackControl() override;
 
-   void requestCallback() override;
+   // Inline: the scheduler root requests one callback per task run.
+   void requestCallback() override {
+      KORVO_SITE_TRACE(leDebug, 9, "LibeventCallbackControl::requestCallback",
+                       "Callback " << DisplayPointer(this) << " request");
+      // A zero timeout runs on the next pass, after the callbacks of the current one;
+      // a second request re-adds the same event, so requests coalesce.
+      addZeroTimeout("requestCallback");
+   }
    void cancelCallback() override;
    bool pendingCallback() const override;
    using LibeventTimerControl::threadCheckDisabledIs;
 
+   static void handleCallback(evutil_socket_t, short, void* control);
+
 private:
-   void timeout() override;
+   void runCallback();
 
    Platform::CallbackHandler* callbackHandler_;
 };

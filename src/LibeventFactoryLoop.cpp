@@ -1,6 +1,7 @@
 #define KORVO_SOURCE_FILE "LibeventFactoryLoopCpp"
 #include "LibeventFactory.h"
 
+#include "HandlerCall.h"
 #include "Korvo/Exception.h"
 
 #include <algorithm>
@@ -10,6 +11,10 @@
 #include <vector>
 
 namespace Korvo {
+
+namespace Impl {
+thread_local constinit uint64_t handlerCallCount_ = 0;
+}  // namespace Impl
 
 namespace {
 
@@ -36,6 +41,8 @@ public:
       // loop call from inside a handler is a mistake to stop where it is made.
       KORVO_ASSERT(loopDepth_ == 0, "doEventLoop called from inside the running event loop");
       ++loopDepth_;
+      // Anything may have run since the loop last returned.
+      Impl::handlerCallCountInc();
    }
    ~LoopRun() { --loopDepth_; }
    LoopRun(const LoopRun&) = delete;

@@ -77,7 +77,11 @@ std::ostream& operator<<(std::ostream& os, const TaskScheduler* scheduler) {
 // Dispatch
 
 void TaskScheduler::handleSchedulerRun() {
-   const TaskTimePoint now = taskTime();
+   TaskTimePoint end;
+   dispatchAt(taskTime(), &end);
+}
+
+bool TaskScheduler::dispatchAt(const TaskTimePoint& now, TaskTimePoint* end) {
    lastRunAt_ = now;
    if (now - runRequestedAt_ > schedulerLatencyHighWaterMark_) {
       schedulerLatencyHighWaterMark_ = now - runRequestedAt_;
@@ -85,12 +89,12 @@ void TaskScheduler::handleSchedulerRun() {
    if (rootSuspended()) {
       KORVO_TRACE(taskSchedulerDebug, 8, this << " Suspended");
       recordEvent(now, EventType::schedulerRunIgnoredWhileSuspended);
-      return;
+      return false;
    }
    TaskImpl* task = pickOneTask(now, TaskPriority::absolute);
    if (task == nullptr) {
       schedulerHasRunnableTasksIs(false, now);
-      return;
+      return false;
    }
    // Held for the run, so that a task whose last outside reference goes during its
    // own run is destroyed only afterwards. Released on every way out.
@@ -99,14 +103,32 @@ void TaskScheduler::handleSchedulerRun() {
       std::shared_ptr<_TaskBase>& held;
       ~Release() { held.reset(); }
    } release{currentlyRunningTask_};
-   TaskTimePoint end;
-   task->taskDoRun(now, &end);
-   KORVO_TRACE(taskSchedulerDebug, 8, this << " Scheduler completed task, request run");
+   task->taskDoRun(now, end);
+   KORVO_TASK_TRACE(8, this << " Scheduler completed task, request run");
    // Asked even when the queues are now empty: the next run finds nothing and
    // declares the scheduler idle, which keeps this path free of queue checks.
-   runRequestedAt_ = end;
+   runRequestedAt_ = *end;
    requestSchedulerRun();
+   return true;
 }
+
+namespace {
+// The bump rule, inline for the pick. Weights of absolute, high and normal. Absolute
+// is never passed over, and low and scavenge never pass anyone, so only high and
+// normal are tested; scavenge work never counts. The weights are part of the
+// behaviour users tune against.
+inline bool bumpDue(const TaskRunQueue* queues, unsigned p, uint32_t consecutive) {
+   static constexpr uint32_t weight[] = {64, 8, 1};
+   if (consecutive == 0 || (p != TaskPriority::high && p != TaskPriority::normal)) {
+      return false;
+   }
+   uint32_t lowerWork = 0;
+   for (unsigned x = p + 1; x <= TaskPriority::low; ++x) {
+      lowerWork += static_cast<uint32_t>(queues[x].backlog()) * weight[x - 1];
+   }
+   return lowerWork * consecutive > static_cast<uint32_t>(queues[p].backlog()) * weight[p - 1];
+}
+}  // namespace
 
 TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority from) {
    for (unsigned p = from.value(); p < TaskPriority::count; ++p) {
@@ -117,7 +139,7 @@ TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority from
          continue;
       }
       const uint32_t consecutive = queue.consecutivePicks_;
-      if (attemptLowerPriorityBump(TaskPriority(p), consecutive)) {
+      if (bumpDue(runQueues_, p, consecutive)) {
          if (TaskImpl* lower = pickOneTask(now, TaskPriority(p + 1))) {
             queue.consecutivePicks_ = 0;
             return lower;
@@ -132,22 +154,7 @@ TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority from
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority,
                                              unsigned int consecutive) const {
-   // Weights of absolute, high and normal. Absolute is never passed over, and low and
-   // scavenge never pass anyone, so only high and normal are tested; scavenge work
-   // never counts. The weights are part of the behaviour users tune against.
-   static constexpr uint32_t weight[] = {64, 8, 1};
-   const unsigned p = priority.value();
-   if (p != TaskPriority::high && p != TaskPriority::normal) {
-      return false;
-   }
-   uint32_t lowerWork = 0;
-   for (unsigned x = p + 1; x <= TaskPriority::low; ++x) {
-      lowerWork += static_cast<uint32_t>(runQueues_[x].backlog()) * weight[x - 1];
-   }
-   if (lowerWork == 0) {
-      return false;
-   }
-   return lowerWork * consecutive > static_cast<uint32_t>(runQueues_[p].backlog()) * weight[p - 1];
+   return bumpDue(runQueues_, priority.value(), consecutive);
 }
 
 void TaskScheduler::taskSchedulerUnlinkTask(const TaskTimePoint& now, TaskRunQueue& queue,
@@ -162,7 +169,9 @@ void TaskScheduler::enqueue(TaskImpl* task, const TaskTimePoint& now) {
    TaskRunQueue& queue = runQueues_[task->taskPriority()];
    queue.persistent_.pushBack(*task);
    ++queue.enqueued_;
-   schedulerHasRunnableTasksIs(true, now);
+   if (!hasRunnableTasks_) {
+      schedulerHasRunnableTasksIs(true, now);
+   }
 }
 
 void TaskScheduler::dequeueUnscheduled(TaskImpl* task) {

@@ -5,6 +5,7 @@
 #include "Korvo/TaskScheduler.h"
 #include "Korvo/Thread.h"
 
+#include "HandlerCall.h"
 #include "LibeventFactory.h"
 #include "TaskSchedulerDebug.h"
 #include "TaskTime.h"
@@ -31,7 +32,9 @@ TaskSchedulerRoot::TaskSchedulerRoot(const std::string& name)
       ownerThread_(pthread_self()),
       ownerPid_(::getpid()),
       isMainThread_(Korvo::isMainThread()) {
-   callbackControl_ = Platform::getCallbackControl(this);
+   std::shared_ptr<LibeventCallbackControl> control = getLeCallbackControl(this);
+   loopCallback_ = control.get();
+   callbackControl_ = std::move(control);
    timerWheel_ = getTimerWheel();
    const std::string threadName = currentThreadName();
    std::strncpy(ownerThreadName_, threadName.c_str(), sizeof(ownerThreadName_) - 1);
@@ -53,19 +56,32 @@ TaskSchedulerRoot::~TaskSchedulerRoot() {
 // Driving from the event loop
 
 void TaskSchedulerRoot::requestSchedulerRun() {
-   callbackControl_->requestCallback();
+   loopCallback_->requestCallback();
 }
 
-void TaskSchedulerRoot::callback() {
-   TaskSchedulerRoot::handleSchedulerRun();
-}
-
-void TaskSchedulerRoot::handleSchedulerRun() {
+// Inline: the loop's callback is its hot caller.
+inline void TaskSchedulerRoot::dispatchRoot(const TaskTimePoint& now) {
+   runEndCalls_ = noRunEnd;
    // Tasks cannot run under virtual time, and a dispatch means real work is due.
    if (virtualTime_) {
       virtualTimeIs(false);
    }
-   TaskScheduler::handleSchedulerRun();
+   if (dispatchAt(now, &runEnd_)) {
+      runEndCalls_ = Impl::handlerCallCount();
+   }
+}
+
+void TaskSchedulerRoot::callback() {
+   // A run's end read serves as the next dispatch's start when no client code ran in
+   // between: then this callback is the only handler call since, and what passed is
+   // the loop's own pass. Otherwise (a handler ran, the loop was left and entered
+   // again, the run threw) the clock is read afresh.
+   const TaskTimePoint now = Impl::handlerCallCount() == runEndCalls_ + 1 ? runEnd_ : taskTime();
+   dispatchRoot(now);
+}
+
+void TaskSchedulerRoot::handleSchedulerRun() {
+   dispatchRoot(taskTime());
 }
 
 bool TaskSchedulerRoot::resetStatsInProgress() const {
@@ -147,9 +163,7 @@ void TaskSchedulerRoot::threadSanityDisabledIs(bool disabled) {
    threadSanityDisabled_ = disabled;
    // The root's loop callback is requested from wherever tasks are scheduled: with the
    // root's check off, the control's own check must not stop what the root allows.
-   if (auto* control = dynamic_cast<LibeventCallbackControl*>(callbackControl_.get())) {
-      control->threadCheckDisabledIs(disabled);
-   }
+   loopCallback_->threadCheckDisabledIs(disabled);
    KORVO_TRACE(taskSchedulerDebug, 1,
                this << (disabled ? " dis" : " en") << "able thread sanity checking");
 }

@@ -14,11 +14,11 @@ using Impl::taskSchedulerDebug;
 using EventType = TaskSchedulerEventType;
 
 namespace Impl {
-TaskTimeSource taskTimeSource_ = &TaskClock::now;
+TaskTimeSource taskTimeSource_ = nullptr;
 }
 
 void taskTimeSourceIs(TaskTimeSource source) {
-   Impl::taskTimeSource_ = source != nullptr ? source : &TaskClock::now;
+   Impl::taskTimeSource_ = source;
 }
 
 // ---------------------------------------------------------------------------------
@@ -112,16 +112,32 @@ void TaskImpl::scheduleTask() {
    if (taskRunQueueLink_.isLinked()) {
       return;
    }
+   if ((runFlags_ & runFlagInRun) != 0 && busy_ && taskScheduler()->schedulerHasRunnableTasks()) {
+      scheduleInOwnRun();
+      return;
+   }
    const TaskTimePoint now = taskTime();
    if (taskSuspended()) {
       recordEvent(now, EventType::scheduleSus);
       return;
    }
-   KORVO_TRACE(taskSchedulerDebug, 8, "Scheduled " << this);
+   KORVO_TASK_TRACE(8, "Scheduled " << this);
    recordEvent(now, EventType::schedule);
    scheduledAt_ = now;
    taskScheduler()->enqueue(this, now);
    taskBusyIs(true, now);
+}
+
+// Inline: one caller, on the run path.
+inline void TaskImpl::scheduleInOwnRun() {
+   // The task cannot be picked before this run ends, so the run's end read stamps it
+   // (taskDoRun) and no clock is read here. Nothing else changes: the task stays busy
+   // and its scheduler runnable. Suspension cannot be on: a suspended task does not run.
+   KORVO_TASK_TRACE(8, "Scheduled " << this);
+   recordEvent(runStart_, EventType::schedule);
+   runFlags_ |= runFlagScheduledInRun;
+   scheduledAt_ = runStart_;
+   taskScheduler()->enqueue(this, runStart_);
 }
 
 void TaskImpl::unscheduleTask() {
@@ -138,6 +154,11 @@ void TaskImpl::unscheduleTaskPrivate(const TaskTimePoint& now) {
    KORVO_TRACE(taskSchedulerDebug, 8, "Unscheduled " << this);
    recordEvent(now, EventType::unschedule);
    TaskRunQueue::Queue::remove(*this);
+   if ((runFlags_ & runFlagScheduledInRun) != 0) {
+      // Queued during its own run, which goes on: it has not waited yet.
+      runFlags_ &= ~runFlagScheduledInRun;
+      scheduledAt_ = now;
+   }
    doUpdateSchedulingLatency(now);
    taskScheduler()->dequeueUnscheduled(this);
 }
@@ -286,41 +307,54 @@ void TaskImpl::resetStats() {
    handleResetStats();
 }
 
-TaskDuration TaskImpl::doUpdateSchedulingLatency(const TaskTimePoint& now) {
-   counters_.lastSchedulingLatency = now - scheduledAt_;
-   if (counters_.lastSchedulingLatency > counters_.schedulingLatencyHighWaterMark) {
-      counters_.schedulingLatencyHighWaterMark = counters_.lastSchedulingLatency;
-   }
-   return counters_.lastSchedulingLatency;
-}
-
 // ---------------------------------------------------------------------------------
 // TaskImpl: one run
 
 void TaskImpl::taskDoRun(const TaskTimePoint& start, TaskTimePoint* end) {
    recordEvent(start, EventType::runStart);
    KORVO_ASSERT(!taskRunQueueLink_.isLinked(), this);
-   KORVO_TRACE(taskSchedulerDebug, 8, "Running " << this);
+   KORVO_TASK_TRACE(8, "Running " << this);
    runStart_ = start;
    if (yieldMode_ == YieldMode::virtualTime) {
       UnimplementedException::throwException("No support for virtual timestamps");
    }
    ++counters_.runCount;
    currentlyRunning_ = true;
+   runFlags_ = runFlagInRun;
    // The run may destroy the task (its destructor marks the magic number), so the
    // check reads through a pointer taken before the run and comes before any other
    // use of the object.
    const volatile uint32_t* magic = &magic_;
-   taskExecute();
+   try {
+      taskExecute();
+   } catch (...) {
+      if (*magic == magicConstructed) {
+         runEndStamp(taskTime());
+      }
+      throw;
+   }
    if (*magic != magicConstructed) {
       failMagic(this, *magic);
    }
    currentlyRunning_ = false;
    *end = taskTime();
+   runEndStamp(*end);
    accountRun(*end - runStart_);
    recordEvent(*end, EventType::runEnd);
-   // Virtual: a timer task that re-armed itself during its run stays busy.
-   taskBusyIs(taskScheduled(), *end);
+   // A task queued again stays busy, whatever its class: no call is needed then.
+   // Otherwise the virtual taskScheduled() decides (a timer task that re-armed itself
+   // during its run stays busy).
+   if (!busy_ || !taskRunQueueLink_.isLinked()) {
+      taskBusyIs(taskScheduled(), *end);
+   }
+}
+
+// Inline: one caller, on the run path.
+inline void TaskImpl::runEndStamp(const TaskTimePoint& end) {
+   if ((runFlags_ & runFlagScheduledInRun) != 0 && taskRunQueueLink_.isLinked()) {
+      scheduledAt_ = end;
+   }
+   runFlags_ = 0;
 }
 
 void TaskImpl::failMagic(const void* task, uint32_t magic) {
@@ -329,18 +363,18 @@ void TaskImpl::failMagic(const void* task, uint32_t magic) {
                        << " taskMagicNumberConstructed: " << magicConstructed);
 }
 
-void TaskImpl::accountRun(TaskDuration elapsed) {
+// Inline: one caller, on the run path.
+inline void TaskImpl::accountRun(TaskDuration elapsed) {
    if (quantum_.count() != 0 && elapsed >= 2 * quantum_) {
-      KORVO_TRACE(taskSchedulerDebug, 5,
-                  "Ran " << this << " used " << DisplayDuration(elapsed) << " "
-                         << elapsed.count() * 100 / quantum_.count() << "% violation");
+      KORVO_TASK_TRACE(5, "Ran " << this << " used " << DisplayDuration(elapsed) << " "
+                                 << elapsed.count() * 100 / quantum_.count() << "% violation");
       if (elapsed < 5 * quantum_) {
          ++counters_.quantumViolation200;
       } else {
          ++counters_.quantumViolation500;
       }
    } else {
-      KORVO_TRACE(taskSchedulerDebug, 7, "Ran " << this << " used " << DisplayDuration(elapsed));
+      KORVO_TASK_TRACE(7, "Ran " << this << " used " << DisplayDuration(elapsed));
    }
    if (elapsed > counters_.runTimeHighWaterMark) {
       counters_.runTimeHighWaterMark = elapsed;

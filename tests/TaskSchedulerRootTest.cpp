@@ -115,3 +115,24 @@ TEST(RootLoopTest, TheLoopDrivesTheRoot) {
    Korvo::Platform::doEventLoop();  // the one callback is ignored and asks for no other
    EXPECT_EQ(tasks[0]->runs, 1);
 }
+
+TEST(RootLoopTest, ARunsEndStartsTheNextDispatchUnlessAHandlerRanBetween) {
+   FakeClock restores;  // a clock of one microsecond per read: the figures count reads
+   Korvo::taskTimeSourceIs(
+       [] { return FakeClock::advance(std::chrono::microseconds(1)), FakeClock::now(); });
+   struct : Korvo::Platform::CallbackHandler {
+      void callback() override {}
+   } between;
+   auto poke = Korvo::Platform::getCallbackControl(&between);
+   std::vector<int64_t> latencies;  // before runs 1 (fresh), 2 (after `between`), 3 (shared)
+   auto task = Korvo::makeShared<LambdaTask>(
+       Korvo::schedulerRootKorvoNonShared("reads"), TaskPriority::normal, "again", [&](auto& t) {
+          latencies.push_back(t.taskLastSchedulingLatency().count() / 1000);
+          t.runs == 1 ? poke->requestCallback() : void();
+          t.runs < 3 ? t.scheduleTask() : void();  // stamped with the run's end
+       });
+   task->scheduleTask();
+   Korvo::Platform::doEventLoop();
+   EXPECT_EQ(latencies, (std::vector<int64_t>{1, 1, 0}));
+   EXPECT_EQ(task->taskTotalRunTime(), std::chrono::microseconds(3));  // one read per run
+}

@@ -38,9 +38,17 @@ public:
       unsigned refCount() const { return refCount_; }
       void refCountInc(unsigned n = 1) const { refCount_ += n; }
       // The last release removes the element from its cache and frees it.
-      void refCountDec() const;
+      void refCountDec() const {
+         if (__builtin_expect(refCount_ > 1, 1)) {
+            --refCount_;
+            return;
+         }
+         refCountDecLast();
+      }
 
    private:
+      void refCountDecLast() const;
+
       ConstStringCache* cache_;
       std::string text_;
       mutable unsigned refCount_ = 0;

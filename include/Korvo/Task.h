@@ -133,7 +133,11 @@ public:
 
    // Puts the task at the tail of its priority's queue unless it is queued already
    // (then nothing changes, not even the scheduled-at time) or suspended (then it is
-   // only recorded). Safe inside the task's own taskExecute().
+   // only recorded). Safe inside the task's own taskExecute(); there it reads no
+   // clock: the task cannot be picked before the run ends, so its scheduled-at time
+   // (which its next scheduling latency counts from) is the run's end (unscheduled
+   // before that, it counts no wait), and the "schedule" event, recorded in its place
+   // in the history, carries the run's start.
    virtual void scheduleTask();
    // Runs the task now, outside the scheduler, ignoring suspension. Test hook.
    virtual void taskRunFromTest();
@@ -194,7 +198,13 @@ public:
    // An exception from taskExecute() passes through with the task still marked running.
    void taskDoRun(const TaskTimePoint& start, TaskTimePoint* end);
    // Records the queue wait ending at `now` as the last scheduling latency.
-   TaskDuration doUpdateSchedulingLatency(const TaskTimePoint& now);
+   TaskDuration doUpdateSchedulingLatency(const TaskTimePoint& now) {
+      counters_.lastSchedulingLatency = now - scheduledAt_;
+      if (counters_.lastSchedulingLatency > counters_.schedulingLatencyHighWaterMark) {
+         counters_.schedulingLatencyHighWaterMark = counters_.lastSchedulingLatency;
+      }
+      return counters_.lastSchedulingLatency;
+   }
 
    // Test hooks.
    // Does for this task what one dispatch of the scheduler does.
@@ -225,8 +235,13 @@ private:
 
    static constexpr uint8_t flagSuspended = 0x01;
    static constexpr uint8_t flagIncludeInDeadTask = 0x02;
+   // runFlags_: inside taskDoRun(); scheduled itself during that run.
+   static constexpr uint8_t runFlagInRun = 0x01;
+   static constexpr uint8_t runFlagScheduledInRun = 0x02;
 
    void handleInitialized();
+   void scheduleInOwnRun();
+   void runEndStamp(const TaskTimePoint& end);
    void accountRun(TaskDuration elapsed);
    [[noreturn]] static void failMagic(const void* task, uint32_t magic);
 
@@ -237,6 +252,7 @@ private:
    uint8_t flags_ = 0;
    YieldMode yieldMode_ = YieldMode::realTime;
    bool currentlyRunning_ = false;
+   uint8_t runFlags_ = 0;
    TaskDuration quantum_{0};
    TaskTimePoint scheduledAt_;
    TaskTimePoint runStart_;

@@ -22,6 +22,15 @@
 // normal, 1 per low task) exceeds 64 (8) times the own backlog. Absolute tasks are
 // never passed over; scavenge tasks run only when all other queues are empty.
 //
+// Time: a dispatch reads the clock once for its start, a run once for its end. A
+// dispatch of the root from the event loop starts instead at the end of the root's
+// previous run when nothing but the loop itself ran since: no handler was called
+// through a control (the thread counts those calls), the loop was not left, the run
+// did not throw. The loop's pass in between then counts to the next task's run time,
+// and the root's scheduler latency of that dispatch is zero. So a task that
+// reschedules itself costs one clock read per run. Work a program hangs on the event
+// base itself, past the controls, is not seen and counts to the next run the same way.
+//
 // Ownership: schedulers are held by shared pointers (made with Korvo::makeShared);
 // tasks hold their scheduler. Thread: a root and everything under it belong to the
 // thread that made the root; no locks are taken on the scheduling path.
@@ -50,6 +59,7 @@
 namespace Korvo {
 
 class TaskSchedulerRoot;
+class LibeventCallbackControl;
 
 // While non-zero the thread check is off (for programs that hand their scheduler
 // structures to helper threads). The embedding program maintains it; the library
@@ -237,6 +247,9 @@ public:
    }
 
 protected:
+   // handleSchedulerRun() with its dispatch time given: true when a task ran, with
+   // *end the time its run ended.
+   bool dispatchAt(const TaskTimePoint& now, TaskTimePoint* end);
    // Destroys the reset-statistics task while the scheduler is still whole.
    void resetStatsTaskRelease();
    // True while the scheduler's own reset-statistics task registers (taskRegister()
@@ -389,12 +402,21 @@ public:
    void writeTimeline(std::ostream& os) const;
 
 private:
+   static constexpr uint64_t noRunEnd = ~uint64_t(0);
+
    void callback() override;
+   void dispatchRoot(const TaskTimePoint& now);
    [[noreturn]] void failWrongThread() const;
    void sanityCheckOtherThread() const;
 
    std::set<TaskScheduler*> schedulers_;
    std::shared_ptr<Platform::CallbackControl> callbackControl_;
+   // The same control, requested without a virtual call.
+   LibeventCallbackControl* loopCallback_ = nullptr;
+   // The end of the last task run of a loop callback, and the thread's handler-call
+   // count then (noRunEnd: none to reuse).
+   TaskTimePoint runEnd_;
+   uint64_t runEndCalls_ = noRunEnd;
    std::shared_ptr<TimerWheel> timerWheel_;
    pthread_t ownerThread_;
    pid_t ownerPid_;
