@@ -1,4 +1,5 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/TaskGroup.h>
 
@@ -184,9 +185,10 @@ TEST_F(TaskGroupTest, StandsInItsParentAsOneTask) {
    a->scheduleTask();
    b->scheduleTask();
    EXPECT_THROW(sched_->handleSchedulerRun(), std::runtime_error);
+   EXPECT_FALSE(Korvo::TestPeer::snapshotActive(g->taskRunQueue(TaskPriority::high)));
    const std::weak_ptr<TaskGroup> weak = std::exchange(g, nullptr);
    a.reset();
    sched_->handleSchedulerRun();
-   EXPECT_TRUE(weak.expired());
+   EXPECT_TRUE(weak.expired() && root_->findSchedulerForTest("flows") == nullptr);
    EXPECT_EQ(sched_->deadTaskStatForTest("TaskGroup;flows").taskDeadCount(), 1u);
 }
