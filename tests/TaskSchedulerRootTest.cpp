@@ -30,9 +30,8 @@ std::string assertionTextInThread(const std::function<void()>& statement) {
 }  // namespace
 
 TEST(RootSlotTest, EachThreadGetsItsOwnNamedRoot) {
-   auto main = Korvo::schedulerRootKorvo();
-   EXPECT_EQ(main, Korvo::schedulerRootKorvo());
-   EXPECT_EQ(main->schedulerName().str(), "main");
+   EXPECT_EQ(Korvo::schedulerRootKorvo(), Korvo::schedulerRootKorvo());
+   EXPECT_EQ(Korvo::schedulerRootKorvo()->schedulerName().str(), "main");
    std::weak_ptr<Korvo::TaskSchedulerRoot> other;
    std::thread([&] {
       // Runs its destructor after the root slot's: the thread's event base goes last.
@@ -54,8 +53,7 @@ TEST_F(RootTest, RegistryAndThreadBinding) {
                HasSubstr("delete failed for testSched"));
    root_->registerScheduler(sched_.get());
 
-   auto t = makeTask(TaskPriority::normal, "bound"),
-        rooted = makeTask(TaskPriority::low, "r", {}, root_);
+   auto t = makeTask({}, "bound"), rooted = makeTask({}, "rooted", {}, root_);
    std::ostringstream owner;
    owner << ") pid " << getpid() << " scheduler belongs to thread " << root_->ownerThread() << "("
          << root_->ownerThreadName() << ")";
@@ -111,11 +109,8 @@ TEST(RootLoopTest, TheLoopDrivesTheRoot) {
 
 TEST(RootLoopTest, ARunsEndStartsTheNextDispatchUnlessAHandlerRanBetween) {
    FakeClock restores;  // a clock of one microsecond per read: the figures count reads
-   Korvo::taskTimeSourceIs(
-       [] { return FakeClock::advance(std::chrono::microseconds(1)), FakeClock::now(); });
-   struct : Korvo::Platform::CallbackHandler {
-      void callback() override {}
-   } between;
+   Korvo::taskTimeSourceIs([] { return FakeClock::advance(1us), FakeClock::now(); });
+   Handler between;
    auto poke = Korvo::Platform::getCallbackControl(&between);
    std::vector<int64_t> latencies;  // before runs 1 (fresh), 2 (after `between`), 3 (shared)
    auto task = Korvo::makeShared<LambdaTask>(
@@ -127,5 +122,5 @@ TEST(RootLoopTest, ARunsEndStartsTheNextDispatchUnlessAHandlerRanBetween) {
    task->scheduleTask();
    Korvo::Platform::doEventLoop();
    EXPECT_EQ(latencies, (std::vector<int64_t>{1, 1, 0}));
-   EXPECT_EQ(task->taskTotalRunTime(), std::chrono::microseconds(3));  // one read per run
+   EXPECT_EQ(task->taskTotalRunTime(), 3us);  // one read per run
 }

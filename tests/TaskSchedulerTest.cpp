@@ -59,15 +59,12 @@ TEST_F(TaskSchedulerTest, PickOrderMatchesTheReferenceModel) {
       int lastRun = -1;
       const int taskCount = 6 + static_cast<int>(gen() % 20);
       for (int id = 0; id < taskCount; ++id) {
-         const unsigned p = gen() % 5;
-         auto body = [&, id, p](LambdaTask& self) {
+         auto body = [&, id](LambdaTask& self) {
             lastRun = id;
-            if (id % 3 == 0) {  // every third task queues itself again
+            if (id % 3 == 0)  // every third task queues itself again
                self.scheduleTask();
-               model.schedule(id, p);
-            }
          };
-         tasks.push_back(makeTask(TaskPriority(p), "t", body, sched));
+         tasks.push_back(makeTask(TaskPriority(gen() % 5), "t", body, sched));
       }
       for (int step = 0; step < 3000; ++step) {
          const unsigned op = gen() % 10;
@@ -80,7 +77,9 @@ TEST_F(TaskSchedulerTest, PickOrderMatchesTheReferenceModel) {
             tasks[id]->unscheduleTask();
             std::erase(model.queues[p], id);
          } else {
-            const int expected = model.pick();  // before the run may queue the task again
+            const int expected = model.pick();
+            if (expected % 3 == 0)  // its run queues it again
+               model.schedule(expected, tasks[expected]->taskPriority().value());
             lastRun = -1;
             sched->handleSchedulerRun();
             ASSERT_EQ(lastRun, expected) << "seed " << seed << " step " << step;
@@ -117,8 +116,7 @@ TEST_F(TaskSchedulerTest, MisuseFailsWithItsMessage) {
 TEST_F(TaskSchedulerTest, CountsAndStatisticsOfLiveAndDeadTasks) {
    auto a = makeTask(TaskPriority::high, "worker1"), b = makeTask(TaskPriority::high, "worker2");
    auto c = makeTask(TaskPriority::low, "c"), quiet = makeTask(TaskPriority::normal, "quiet");
-   a->taskStatsNameIs("worker");
-   b->taskStatsNameIs("worker");
+   a->taskStatsNameIs("worker"), b->taskStatsNameIs("worker");
    quiet->includeInDeadTaskIs(false);
    a->scheduleTask();
    b->taskWorkCountInc(5);
@@ -126,6 +124,8 @@ TEST_F(TaskSchedulerTest, CountsAndStatisticsOfLiveAndDeadTasks) {
    sched_->getTaskStats(&stats, false);  // appends
    ASSERT_EQ(stats.size(), 5u);
    EXPECT_EQ(sched_->taskStatForTest("c").taskKey(), Korvo::TaskKey(c.get()));
+   EXPECT_EQ(sched_->taskStatForTest("?").taskName().str(), "");
+   EXPECT_EQ(sched_->deadTaskStatForTest("?").taskName().str(), "");
    b->scheduleTask(), c->scheduleTask();
    drain(*sched_);
    a.reset(), b.reset(), quiet.reset();
@@ -158,7 +158,6 @@ TEST_F(TaskSchedulerTest, ResetStatsWalksWithABookmarkWhileTasksComeAndGo) {
    auto inRoot = makeTask(TaskPriority::low, "inRoot", {}, root_);
    sched_->resetStats();
    EXPECT_TRUE(root_->resetStatsInProgress());  // the root looks at its schedulers too
-   auto resetTask = sched_->taskForTest("testSched;ResetStats");
    sched_->handleSchedulerRun();
    EXPECT_EQ(tasks[1]->resetCalls - tasks[2]->resetCalls, 1);
    // The bookmark holds the place but is not a task.
@@ -169,10 +168,9 @@ TEST_F(TaskSchedulerTest, ResetStatsWalksWithABookmarkWhileTasksComeAndGo) {
    for (; sched_->resetStatsInProgress(); ++runs)
       sched_->handleSchedulerRun();
    EXPECT_EQ(runs, 4);
-   for (auto& t : tasks) {
-      EXPECT_TRUE(t == nullptr ||
-                  (t->resetCalls == 1 && !t->taskWorkCountHighWaterMark().hasValue()));
-   }
+   for (auto& t : tasks)
+      EXPECT_TRUE(!t || (t->resetCalls == 1 && !t->taskWorkCountHighWaterMark().hasValue()));
    // The walk reset itself too, then counted the tasks of its last run as work.
-   EXPECT_TRUE(resetTask->taskWorkCountHighWaterMark().hasValue());
+   EXPECT_TRUE(
+       sched_->taskForTest("testSched;ResetStats")->taskWorkCountHighWaterMark().hasValue());
 }

@@ -117,8 +117,7 @@ TEST_F(TaskTest, ShouldYieldByRealTimeTestRatioAndVirtualTime) {
    // Virtual time reaching a task throws, unless a test ratio decides.
    root_->virtualTimeIs(true);
    t->taskTestYieldRatioIs(0);
-   EXPECT_THROW(makeTask(TaskPriority::normal, "v")->taskShouldYield(),
-                Korvo::UnimplementedException);
+   EXPECT_THROW(makeTask({}, "v")->taskShouldYield(), Korvo::UnimplementedException);
    EXPECT_THAT([&] { t->taskRunFromTest(); }, testing::ThrowsMessage<Korvo::UnimplementedException>(
                                                   HasSubstr("No support for virtual timestamps")));
    root_->virtualTimeIs(false);
@@ -150,20 +149,18 @@ TEST_F(TaskTest, ForcedYieldAndTheRootsRatio) {
 // Its magic number gives it away; by default that is fatal.
 TEST_F(TaskTest, ATaskDestroyedInItsOwnRunIsCaughtByTheMagicNumber) {
    alignas(SelfDestroyingTask) unsigned char storage[sizeof(SelfDestroyingTask)];
-   std::shared_ptr<SelfDestroyingTask> task(
-       new (storage) SelfDestroyingTask(sched_, TaskPriority::normal, "selfDestroyer"),
-       [](SelfDestroyingTask*) {});
+   std::shared_ptr<SelfDestroyingTask> task(new (storage) SelfDestroyingTask(sched_, {}, "gone"),
+                                            [](SelfDestroyingTask*) {});
    task->scheduleTask();
    EXPECT_DEATH((Korvo::throwOnAssertFailIs(false), sched_->handleSchedulerRun()),
                 "Korvo::Assert aborting because: TaskSchedulerCpp:.* taskMagicNumber: 3735936685");
    EXPECT_THAT(assertionText([&] { sched_->handleSchedulerRun(); }),
                HasSubstr(" taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390"));
-   EXPECT_EQ(sched_->deadTaskStatForTest("selfDestroyer").taskDeadCount(), 1u);
+   EXPECT_EQ(sched_->deadTaskStatForTest("gone").taskDeadCount(), 1u);
 }
 
 TEST_F(TaskTest, RunsThatThrowOrReleaseOrDestroyTheTask) {
-   auto t = makeTask(TaskPriority::normal, "thrower",
-                     [](LambdaTask&) { throw std::runtime_error("boom"); });
+   auto t = makeTask({}, "thrower", [](LambdaTask&) { throw std::runtime_error("boom"); });
    t->scheduleTask();
    EXPECT_THROW(sched_->handleSchedulerRun(), std::runtime_error);
    EXPECT_EQ(sched_->runRequests, 1);  // this dispatch stops: no further run asked
