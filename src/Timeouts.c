@@ -66,6 +66,7 @@ struct timeouts {
 };
 
 _Static_assert(offsetof(struct timeout, link) == 0, "a record's link must be its first field");
+_Static_assert(offsetof(struct timeouts, slotBits) % 64 == 0, "the bitmap must start a cache line");
 _Static_assert(WORDS <= 32, "the summary of non-empty bitmap words must fit in 32 bits");
 _Static_assert(sizeof(struct timeouts) <= 30720, "a wheel must fit in 30 KiB");
 _Static_assert(sizeof(struct timeout) <= 48, "a record must fit in 48 bytes");
@@ -222,8 +223,9 @@ size_t timeouts_sizeof(void) {
 }
 
 struct timeouts* timeouts_open(timeout_t hz, int* error) {
-   /* Cache-line aligned so that the hot header (now, summary, first bitmap words) shares one
-    * line; aligned_alloc wants the size to be a multiple of the alignment. */
+   /* Cache-line aligned so that the hot header (now, summary) shares one line and no level's
+    * bitmap words straddle two (two levels to a line); aligned_alloc wants the size to be a
+    * multiple of the alignment. */
    size_t size = (sizeof(struct timeouts) + 63) & ~(size_t)63;
    struct timeouts* T = aligned_alloc(64, size);
    if (!T) {
@@ -427,7 +429,9 @@ struct timeout* timeouts_get(struct timeouts* T) {
    if (listEmpty(queue))
       return NULL;
    struct timeout* to = recordOf(queue->next);
-   listJoin(queue, to->link.next);
+   struct timeout_link* next = to->link.next;
+   queue->next = next;
+   next->prev = queue;
    if (!(to->flags & TIMEOUT_INT) || !to->interval || !rearm(T, to))
       makeIdle(to);
    return to;

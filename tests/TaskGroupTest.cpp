@@ -1,8 +1,10 @@
 #include "TaskTestSupport.h"
+#include "TestPeer.h"
 
 #include <Korvo/TaskGroup.h>
 
 #include <algorithm>
+#include <array>
 #include <random>
 #include <stdexcept>
 
@@ -14,11 +16,9 @@ namespace {
 using TaskGroupTest = SchedulerFixture;
 constexpr int kGroups = 4, kLeavesPerSched = 4, kLeaves = kLeavesPerSched * (kGroups + 1);
 
-// A leaf's k-th run: runs `ms`, then maybe schedules a leaf, itself or another (-1: none).
-struct Action {
-   int ms, next;
-};
-Action actionOf(unsigned seed, int leaf, int k) {
+// A leaf's k-th run: runs so many ms, then maybe schedules a leaf, itself or another
+// (-1: none).
+std::pair<int, int> actionOf(unsigned seed, int leaf, int k) {
    std::mt19937 r(seed * 100003 + leaf * 1009 + k);
    return {int(r() % 12), r() % 5 < 2 ? leaf : r() % 3 == 0 ? kGroups + int(r() % kLeaves) : -1};
 }
@@ -30,13 +30,13 @@ struct Model {
    struct Sched {
       std::vector<int> queue{}, snapshot{};  // a snapshot turn reads only `snapshot`
       bool runnable = false, multi = true;
-      int parentNode = -1;
-      long quantumMs = 0;
-      unsigned long work = 0, pending = 0;
+      int parentNode = -1, quantumMs = 0;
+      unsigned long work = 0, pending = 0;  // dispatches, even those finding nothing
    };
    unsigned seed;
    std::vector<Sched> scheds{kGroups + 1};
-   std::vector<int> schedOf{}, priority{}, runs{}, log{};  // per node, but `log`: leaf runs
+   // Per node, but `log`: the leaves in the order they ran.
+   std::vector<int> schedOf{}, priority{}, log{}, runs = std::vector<int>(kGroups + kLeaves);
    long nowMs = 0;
 
    bool queued(int n) {
@@ -52,51 +52,42 @@ struct Model {
          schedule(s.parentNode);  // the group asks its parent for a turn
    }
    void dispatch(Sched& s) {
+      ++s.work;
       auto& q = s.multi ? s.queue : s.snapshot;
       const auto it = std::ranges::min_element(q, {}, [&](int n) { return priority[n]; });
-      if (it == q.end()) {
-         s.runnable = false;
+      s.runnable = it != q.end();  // a dispatch that finds nothing ends the turn
+      if (!s.runnable)
          return;
-      }
       const int n = *it;
       q.erase(it);
-      if (runs[n]++, n < kGroups) {
-         turn(scheds[n + 1]);
-      } else {
-         leafRun(n);
-      }
+      ++runs[n];
+      n < kGroups ? turn(scheds[n + 1]) : leafRun(n);
       if (s.parentNode >= 0)
          schedule(s.parentNode);  // every run asks for the next
    }
    void leafRun(int n) {
-      const Action a = actionOf(seed, n, runs[n] - 1);
+      const auto [ms, next] = actionOf(seed, n, runs[n] - 1);
       log.push_back(n);
-      nowMs += a.ms;
-      if (a.next >= 0)
-         schedule(a.next);
+      nowMs += ms;
+      if (next >= 0)
+         schedule(next);
    }
    void turn(Sched& s) {
       const long startMs = nowMs;
       if (!s.multi)
          std::swap(s.queue, s.snapshot);
       // Until a dispatch finds nothing or the quantum is spent.
-      for (bool more = s.runnable; more; more = s.runnable && nowMs - startMs < s.quantumMs) {
-         ++s.work;
+      for (bool more = s.runnable; more; more = s.runnable && nowMs - startMs < s.quantumMs)
          dispatch(s);
-      }
       // Left over from the snapshot first, then what came during the turn.
       s.snapshot.insert(s.snapshot.end(), s.queue.begin(), s.queue.end());
       s.queue = std::exchange(s.snapshot, {});
       s.pending = s.queue.size();
-      if (s.pending == 0) {
-         s.runnable = false;
+      s.runnable = s.pending != 0;
+      if (s.runnable)
+         schedule(s.parentNode);  // still queued, unless a snapshot ran dry
+      else
          std::erase(scheds[schedOf[s.parentNode]].queue, s.parentNode);
-      } else if (s.multi) {
-         EXPECT_TRUE(queued(s.parentNode) && s.runnable);
-      } else {
-         schedule(s.parentNode);
-         s.runnable = true;
-      }
    }
 };
 
@@ -106,44 +97,39 @@ struct Model {
 // in the same order and time, the same counts, and each parent task queued exactly
 // while its group has runnable work.
 TEST_F(TaskGroupTest, TurnsMatchAReferenceModel) {
-   const TaskPriority priorities[] = {TaskPriority::absolute, TaskPriority::low,
-                                      TaskPriority::scavenge};  // never bumped: strict order
-   const int groupParent[] = {0, 0, 1, 3};                      // 2 inside 0, 3 inside 2
+   const int groupParent[] = {0, 0, 1, 3};  // 2 inside 0, 3 inside 2
    for (unsigned seed = 1; seed <= 40; ++seed) {
       std::mt19937 rng(seed);
       auto pick = [&](int n) { return static_cast<int>(rng() % n); };
       Model m{.seed = seed};
       std::vector<std::shared_ptr<Korvo::TaskScheduler>> scheds{sched_};
-      std::vector<std::shared_ptr<TaskGroup>> groups;
       std::vector<std::shared_ptr<Korvo::Task>> tasks;  // by node
       std::vector<int> real;                            // the leaf runs, beside the model's
       for (int n = 0; n < kGroups + kLeaves; ++n) {
-         const bool leaf = n >= kGroups;
-         m.schedOf.push_back(leaf ? (n - kGroups) / kLeavesPerSched : groupParent[n]);
-         m.priority.push_back(pick(3));
-         const TaskPriority p = priorities[m.priority.back()];
-         if (leaf) {
+         m.schedOf.push_back(n >= kGroups ? (n - kGroups) / kLeavesPerSched : groupParent[n]);
+         m.priority.push_back(std::array{0, 3, 4}[pick(3)]);  // never bumped: strict order
+         const TaskPriority p(unsigned(m.priority.back()));
+         if (n >= kGroups) {
             tasks.push_back(makeTask(
                 p, "leaf",
                 [&, n](LambdaTask& t) {
-                   const Action a = actionOf(seed, n, t.runs - 1);
+                   const auto [ms, next] = actionOf(seed, n, t.runs - 1);
                    real.push_back(n);
-                   FakeClock::advance(std::chrono::milliseconds(a.ms));
-                   if (a.next >= 0)
-                      tasks[a.next]->scheduleTask();
+                   FakeClock::advance(std::chrono::milliseconds(ms));
+                   if (next >= 0)
+                      tasks[next]->scheduleTask();
                 },
                 scheds[m.schedOf.back()]));
             continue;
          }
          Model::Sched& s = m.scheds[n + 1];
          s = {.multi = pick(2) == 0, .parentNode = n, .quantumMs = 1 + pick(40)};
-         groups.push_back(TaskGroup::TaskGroupIs("g", p, false, scheds[groupParent[n]]));
-         groups[n]->tasksPermittedMultipleRunsIs(s.multi);
-         groups[n]->taskGroupQuantumIs(std::chrono::milliseconds(s.quantumMs));
-         scheds.push_back(groups[n]);
-         tasks.push_back(groups[n]->parentTask());
+         auto group = TaskGroup::TaskGroupIs("g", p, false, scheds[groupParent[n]]);
+         group->tasksPermittedMultipleRunsIs(s.multi);
+         group->taskGroupQuantumIs(std::chrono::milliseconds(s.quantumMs));
+         scheds.push_back(group);
+         tasks.push_back(group->parentTask());
       }
-      m.runs.assign(tasks.size(), 0);
       const Korvo::TaskTimePoint start = FakeClock::now();
       for (int step = 0; step < 150; ++step) {
          for (int k = pick(3); k > 0; --k) {
@@ -156,64 +142,53 @@ TEST_F(TaskGroupTest, TurnsMatchAReferenceModel) {
          ASSERT_EQ(real, m.log) << "seed " << seed << " step " << step;
          ASSERT_EQ(FakeClock::now() - start, std::chrono::milliseconds(m.nowMs)) << seed;
          for (int g = 0; g < kGroups; ++g) {
-            const Model::Sched& s = m.scheds[g + 1];
-            ASSERT_EQ(groups[g]->parentTaskScheduled(), m.queued(g)) << seed << " group " << g;
-            ASSERT_EQ(groups[g]->parentTaskScheduled(), groups[g]->runnableTaskCount() != 0);
-            ASSERT_EQ(groups[g]->parentTaskRunCount(), unsigned(m.runs[g]));
-            ASSERT_EQ(groups[g]->parentTask()->taskWorkCountTotal(), s.work);
-            ASSERT_EQ(groups[g]->parentTask()->taskWorkPending(), s.pending);
+            ASSERT_EQ(tasks[g]->taskScheduled(), m.queued(g)) << seed << " group " << g;
+            ASSERT_EQ(tasks[g]->taskScheduled(), scheds[g + 1]->runnableTaskCount() != 0);
+            ASSERT_EQ(tasks[g]->taskRunCount(), unsigned(m.runs[g]));
+            ASSERT_EQ(tasks[g]->taskWorkCountTotal(), m.scheds[g + 1].work);
+            ASSERT_EQ(tasks[g]->taskWorkPending(), m.scheds[g + 1].pending);
          }
       }
    }
    EXPECT_EQ(root_->taskGroupCount(), 1u);  // the test scheduler alone: the groups are gone
 }
 
+// A group in its parent: one task at the group's priority, which forced yields and
+// statistics resets reach; a throwing child ends a snapshot turn and leaves the group
+// queued for the rest; a group whose last references go during its own turn goes when
+// the turn ends.
 TEST_F(TaskGroupTest, StandsInItsParentAsOneTask) {
    auto g = TaskGroup::TaskGroupIs("flows", TaskPriority::high, true, sched_);
    EXPECT_THAT(assertionText([&] { makeTask(TaskPriority::low, "odd", {}, g); }),
                HasSubstr("taskPriority( low ) != taskGroupPriority( high )"));
-   EXPECT_EQ(g->parentTask()->taskPriority(), g->taskGroupPriority());
    g->taskGroupQuantumNoCheckIs(2s);
-   // Forced yield of the group, or of any of its tasks, reaches the parent task.
-   auto a = makeTask(
-       TaskPriority::high, "a", [](LambdaTask& t) { t.scheduleTask(); }, g);
-   auto b = makeTask(TaskPriority::high, "b", {}, g);
+   auto a = makeTask(g->taskGroupPriority(), "a", {}, g);
+   auto b = makeTask(g->parentTask()->taskPriority(), "b", {}, g);
    g->taskGroupForceYieldInTestIs(true);
    a->scheduleTask();
    b->scheduleTask();
    sched_->handleSchedulerRun();
-   EXPECT_EQ(a->runs + b->runs, 1);  // one child per turn
+   EXPECT_EQ(a->runs + b->runs, int(g->parentTaskRunCount()));  // one child per turn
    g->taskGroupForceYieldInTestIs(false);
    b->taskForceYieldInTestIs(true);
    EXPECT_EQ(g->parentTask()->taskTestYieldRatio(), 1);
    b->taskForceYieldInTestIs(false);
-   // Resetting the parent task's statistics resets the group's, through the group's
-   // own reset task (exempt from the priority check).
-   a->bodyIs({});
+   // The group's own reset task is exempt from the priority check.
    g->taskGroupRunFromTest();
    sched_->clearStats();
    drain(*sched_);
    EXPECT_EQ(a->taskRunCount(), 0u);
    EXPECT_FALSE(root_->resetStatsInProgress() || g->parentTaskScheduled());
-}
-
-// A throwing child ends the snapshot and leaves the group queued for the rest; a group
-// whose last references go during its own turn goes when the turn ends.
-TEST_F(TaskGroupTest, SurvivesAThrowingChildAndDiesCleanlyInItsOwnTurn) {
-   auto g = TaskGroup::TaskGroupIs("doomed", TaskPriority::normal, false, sched_);
    g->tasksPermittedMultipleRunsIs(false);
-   auto thrower = makeTask(
-       TaskPriority::normal, "thrower", [](auto&) { throw std::runtime_error("child failed"); }, g);
-   auto later = makeTask(TaskPriority::low, "later", {}, g);
-   later->bodyIs([&](LambdaTask&) { later.reset(); });
-   thrower->scheduleTask();
-   later->scheduleTask();
+   a->bodyIs([](auto&) { throw std::runtime_error("child failed"); });
+   b->bodyIs([&](LambdaTask&) { b.reset(); });
+   a->scheduleTask();
+   b->scheduleTask();
    EXPECT_THROW(sched_->handleSchedulerRun(), std::runtime_error);
-   std::weak_ptr<TaskGroup> weak = g;
-   g.reset();
-   thrower.reset();
+   EXPECT_FALSE(Korvo::TestPeer::snapshotActive(g->taskRunQueue(TaskPriority::high)));
+   const std::weak_ptr<TaskGroup> weak = std::exchange(g, nullptr);
+   a.reset();
    sched_->handleSchedulerRun();
-   EXPECT_TRUE(weak.expired());
-   EXPECT_EQ(root_->findSchedulerForTest("doomed"), nullptr);
-   EXPECT_EQ(sched_->deadTaskStatForTest("TaskGroup;doomed").taskDeadCount(), 1u);
+   EXPECT_TRUE(weak.expired() && root_->findSchedulerForTest("flows") == nullptr);
+   EXPECT_EQ(sched_->deadTaskStatForTest("TaskGroup;flows").taskDeadCount(), 1u);
 }

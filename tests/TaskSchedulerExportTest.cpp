@@ -30,9 +30,9 @@ for e in [e for e in events if e['ph'] == 'X']:
 // the timeline as a trace viewer loads it.
 TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
    // What JSON and labels escape, characters of two and three bytes, then bytes that start no
-   // well-formed sequence (a bad third byte, a stray continuation, bad second bytes, a cut-off
-   // end), each read back as one U+FFFD.
-   const std::string oddName = "\"\\\n\x01\xC3\xA9\xE2\x82\xAC\xE2\x82\xF0\xF4\xC3";
+   // well-formed sequence (bad second bytes, a bad third, a stray continuation, a cut-off end),
+   // each read back as one U+FFFD.
+   const std::string oddName = "\"\\\n\x01\xC3\xA9\xE2\x82\xAC\xF0\xF4\xE2\x82!\xC3";
    auto a1 = makeTask(TaskPriority::normal, "a", [](LambdaTask& t) {
       FakeClock::advance(50ms);  // over 200% of the 20 ms quantum
       t.taskWorkCountInc(4);
@@ -57,8 +57,8 @@ TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
       EXPECT_EQ(std::system(("promtool check metrics <" + dir / "m").c_str()), 0) << all.str();
    }
    EXPECT_THAT(own.str(), HasSubstr("\nkorvo_history_capacity 100\n"));
-   const std::string bad = "\xEF\xBF\xBD",
-                     oddLabel = "\\\"\\\\\\n\x01\xC3\xA9\xE2\x82\xAC" + bad + bad + bad + bad + bad;
+   const std::string bad = "\xEF\xBF\xBD", oddLabel = "\\\"\\\\\\n\x01\xC3\xA9\xE2\x82\xAC" + bad +
+                                                      bad + bad + bad + "!" + bad;
    const std::string task = "{scheduler=\"testSched\",task=\"";
    const std::string tasks = "korvo_scheduler_tasks{scheduler=\"testSched\",priority=";
    // Live tasks of one name add up into one series.
@@ -88,7 +88,7 @@ TEST_F(ExportTest, MetricsAndTimelineShowTheStatistics) {
    };
    EXPECT_EQ(timeline(),
              "C M X i\n'a' 50000000 normal testSched\n'a' 1000000 normal testSched\n"
-             R"('"\\\n\x01\xe9\u20ac\ufffd\ufffd\ufffd\ufffd\ufffd' 1234 low )"
+             R"('"\\\n\x01\xe9\u20ac\ufffd\ufffd\ufffd\ufffd!\ufffd' 1234 low )"
              "testSched\n'gone' 2000000 low testSched\n");
    // Empty, and a window that starts inside a run: the run shows from the window's start.
    root_->clearHistory();

@@ -2,22 +2,11 @@
 
 #include <Korvo/TaskSchedulerHistory.h>
 
-#include <sstream>
-
 using namespace KorvoTest;
-using Korvo::TaskSchedulerEventType;
-using ::testing::EndsWith;
 
 namespace {
 
-class HistoryTest : public SchedulerFixture {
-protected:
-   std::string printed(unsigned limit = 4294967295u) {
-      std::ostringstream os;
-      root_->printHistory(os, limit);
-      return os.str();
-   }
-};
+using HistoryTest = SchedulerFixture;
 
 const std::string title =
     "Last 100 scheduler events, absolute timestamp and relative to last event\n" +
@@ -26,6 +15,11 @@ const std::string title =
 }  // namespace
 
 TEST_F(HistoryTest, PrintShowsEventsNewestFirstInTheExactLayout) {
+   auto printed = [&](unsigned limit = 4294967295u) {
+      std::ostringstream os;
+      root_->printHistory(os, limit);
+      return os.str();
+   };
    root_->historyEntryCountIs(100);  // unchanged
    root_->clearHistory();
    EXPECT_EQ(printed(), title + "\n");
@@ -45,7 +39,8 @@ TEST_F(HistoryTest, PrintShowsEventsNewestFirstInTheExactLayout) {
                  "         1000000000000 ns since boot       2001 µs create     flush\n"
                  "\n");
    // The title counts the limit; reaching it prints a note, even with nothing left over.
-   EXPECT_THAT(printed(7), EndsWith("create     flush\nTruncated due to requested limit\n\n"));
+   EXPECT_THAT(printed(7),
+               testing::EndsWith("create     flush\nTruncated due to requested limit\n\n"));
    EXPECT_EQ(printed(1),
              "Last 1 scheduler events, absolute timestamp and relative to last event\n" +
                  std::string(70, '-') + "\n" +
@@ -54,8 +49,7 @@ TEST_F(HistoryTest, PrintShowsEventsNewestFirstInTheExactLayout) {
 }
 
 TEST_F(HistoryTest, EventsKeepTheirNamesAliveAndCheckTheirKind) {
-   auto t = makeTask(TaskPriority::normal, "ephemeral");
-   t.reset();
+   makeTask(TaskPriority::normal, "ephemeral");     // gone at once
    EXPECT_EQ(lastEvent(), "delete     ephemeral");  // the name lives on in the history
    root_->clearHistory();
    // The dead-task record holds it too, until statistics are cleared.
@@ -65,11 +59,12 @@ TEST_F(HistoryTest, EventsKeepTheirNamesAliveAndCheckTheirKind) {
 
    auto u = makeTask(TaskPriority::normal, "u");
    using E = Korvo::TaskSchedulerHistory::Event;
-   using enum TaskSchedulerEventType;
+   using enum Korvo::TaskSchedulerEventType;
    EXPECT_THAT(assertionText([&] { E(FakeClock::now(), schedulerIdle, u.get()); }),
                AllOf(HasSubstr("TaskSchedulerCpp:Event:"), HasSubstr("EventType: 15")));
-   EXPECT_THAT(assertionText([&] { E(FakeClock::now(), TaskSchedulerEventType(24), u.get()); }),
-               AllOf(HasSubstr("eventNeedTask"), HasSubstr("unexpected eventType=24")));
+   EXPECT_THAT(
+       assertionText([&] { E(FakeClock::now(), Korvo::TaskSchedulerEventType(24), u.get()); }),
+       AllOf(HasSubstr("eventNeedTask"), HasSubstr("unexpected eventType=24")));
    EXPECT_THAT(assertionText([&] { E(FakeClock::now(), busy, sched_.get()); }),
                HasSubstr("EventType: 12"));
 }

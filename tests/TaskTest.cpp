@@ -10,12 +10,6 @@ using ::testing::StartsWith;
 
 namespace {
 
-std::string streamed(const auto& value) {
-   std::ostringstream os;
-   os << value;
-   return os.str();
-}
-
 using TaskTest = SchedulerFixture;
 
 // Destroys itself in its own run, leaving its memory in place (a stand-in for
@@ -28,14 +22,11 @@ struct SelfDestroyingTask : Korvo::Task {
 }  // namespace
 
 TEST(TaskValueTest, PrioritiesCountersAndDurations) {
-   std::string names;
-   for (unsigned v = 0; v <= 5; ++v) {
-      names += TaskPriority(v).toStrep() + TaskPriority(v).oneCharString() + " ";
-   }
-   EXPECT_EQ(names, "absoluteA highH normalN lowL scavengeS oneBeyondLast- ");
    // The count itself is not a priority when streamed, though toStrep() names it.
-   EXPECT_EQ(streamed(TaskPriority::scavenge) + streamed(TaskPriority(TaskPriority::oneBeyondLast)),
-             "scavengeinvalidPriority=5");
+   const TaskPriority count(TaskPriority::oneBeyondLast);
+   EXPECT_EQ(testing::PrintToString(TaskPriority::scavenge) + testing::PrintToString(count) +
+                 count.toStrep() + count.oneCharString(),
+             "scavengeinvalidPriority=5oneBeyondLast-");
    EXPECT_THAT(assertionText([] { TaskPriority(7u).toStrep(); }),
                AllOf(StartsWith("TaskSchedulerCpp:"), HasSubstr("unexpected priority value 7")));
    EXPECT_THAT(assertionText([] { TaskPriority(9u).oneCharString(); }),
@@ -46,16 +37,15 @@ TEST(TaskValueTest, PrioritiesCountersAndDurations) {
    m.raise(3);               // and only ever rises
    EXPECT_EQ(m.value(), 0xFFFFFFFEu);
    std::string durations;  // a negative one takes the unit of its magnitude
-   for (long ns : {750l, 12500l, 19000000l, 2250000000l, -3000000l}) {
-      durations += streamed(Korvo::DisplayDuration(Korvo::TaskDuration(ns))) + " ";
-   }
+   for (long ns : {750l, 12500l, 19000000l, 2250000000l, -3000000l})
+      durations += testing::PrintToString(Korvo::DisplayDuration(Korvo::TaskDuration(ns))) + " ";
    EXPECT_EQ(durations, "750ns 12.500us 19.000ms 2.250000s -3.000ms ");
 }
 
 TEST_F(TaskTest, ConstructionNamesAndRegistersTheTask) {
    auto t = makeTask(TaskPriority::normal, "flush");
    EXPECT_EQ(t->taskShortName().str(), "N flush");
-   EXPECT_EQ(streamed(t.get()),
+   EXPECT_EQ((std::ostringstream() << t.get()).str(),
              "testSched:normal:flush@" + Korvo::DisplayPointer(t.get()).toString());
    sched_->defaultTaskQuantumIs(5ms);
    EXPECT_EQ(makeTask(TaskPriority::low, "later")->taskQuantum(), 5ms);
@@ -63,6 +53,8 @@ TEST_F(TaskTest, ConstructionNamesAndRegistersTheTask) {
                AllOf(StartsWith("TaskSchedulerCpp:"), HasSubstr("Need a TaskScheduler")));
    // The plain-pointer form takes shared ownership from the scheduler itself.
    EXPECT_EQ(SelfDestroyingTask(sched_.get(), TaskPriority::high, "p").taskSchedulerPtr(), sched_);
+   TestScheduler unowned("unowned", root_);
+   EXPECT_THROW(SelfDestroyingTask(&unowned, TaskPriority::high, "x"), std::bad_weak_ptr);
 }
 
 TEST_F(TaskTest, SchedulingSuspensionAndBusy) {
@@ -104,9 +96,8 @@ TEST_F(TaskTest, SchedulingSuspensionAndBusy) {
 
 TEST_F(TaskTest, ShouldYieldByRealTimeTestRatioAndVirtualTime) {
    std::vector<bool> answers;
-   std::vector<Korvo::TaskDuration> steps = {0ms, 19ms, 1ms, -25ms};  // backwards yields too
    auto t = makeTask(TaskPriority::normal, "y", [&](LambdaTask& self) {
-      for (auto step : steps) {
+      for (auto step : {0ms, 19ms, 1ms, -25ms}) {  // a step backwards yields too
          FakeClock::advance(step);
          answers.push_back(self.taskShouldYield());
       }
@@ -126,14 +117,12 @@ TEST_F(TaskTest, ShouldYieldByRealTimeTestRatioAndVirtualTime) {
    // Virtual time reaching a task throws, unless a test ratio decides.
    root_->virtualTimeIs(true);
    t->taskTestYieldRatioIs(0);
-   EXPECT_THROW(makeTask(TaskPriority::normal, "v")->taskShouldYield(),
-                Korvo::UnimplementedException);
+   EXPECT_THROW(makeTask({}, "v")->taskShouldYield(), Korvo::UnimplementedException);
    EXPECT_THAT([&] { t->taskRunFromTest(); }, testing::ThrowsMessage<Korvo::UnimplementedException>(
                                                   HasSubstr("No support for virtual timestamps")));
    root_->virtualTimeIs(false);
    t->bodyIs([&](LambdaTask&) { root_->virtualTimeIs(true); });  // throws from the switch
    EXPECT_THROW(t->taskRunFromTest(), Korvo::UnimplementedException);
-   root_->virtualTimeIs(false);
 }
 
 // The scheduler hears when its set of tasks under a test ratio turns empty or not;
@@ -160,23 +149,18 @@ TEST_F(TaskTest, ForcedYieldAndTheRootsRatio) {
 // Its magic number gives it away; by default that is fatal.
 TEST_F(TaskTest, ATaskDestroyedInItsOwnRunIsCaughtByTheMagicNumber) {
    alignas(SelfDestroyingTask) unsigned char storage[sizeof(SelfDestroyingTask)];
-   std::shared_ptr<SelfDestroyingTask> task(
-       new (storage) SelfDestroyingTask(sched_, TaskPriority::normal, "selfDestroyer"),
-       [](SelfDestroyingTask*) {});
+   std::shared_ptr<SelfDestroyingTask> task(new (storage) SelfDestroyingTask(sched_, {}, "gone"),
+                                            [](SelfDestroyingTask*) {});
    task->scheduleTask();
    EXPECT_DEATH((Korvo::throwOnAssertFailIs(false), sched_->handleSchedulerRun()),
                 "Korvo::Assert aborting because: TaskSchedulerCpp:.* taskMagicNumber: 3735936685");
-   EXPECT_THAT(
-       assertionText([&] { sched_->handleSchedulerRun(); }),
-       AllOf(StartsWith("TaskSchedulerCpp:"),
-             HasSubstr(" taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390")));
-   task.reset();
-   EXPECT_EQ(sched_->deadTaskStatForTest("selfDestroyer").taskDeadCount(), 1u);
+   EXPECT_THAT(assertionText([&] { sched_->handleSchedulerRun(); }),
+               HasSubstr(" taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390"));
+   EXPECT_EQ(sched_->deadTaskStatForTest("gone").taskDeadCount(), 1u);
 }
 
 TEST_F(TaskTest, RunsThatThrowOrReleaseOrDestroyTheTask) {
-   auto t = makeTask(TaskPriority::normal, "thrower",
-                     [](LambdaTask&) { throw std::runtime_error("boom"); });
+   auto t = makeTask({}, "thrower", [](LambdaTask&) { throw std::runtime_error("boom"); });
    t->scheduleTask();
    EXPECT_THROW(sched_->handleSchedulerRun(), std::runtime_error);
    EXPECT_EQ(sched_->runRequests, 1);  // this dispatch stops: no further run asked
@@ -196,5 +180,4 @@ TEST_F(TaskTest, RunsThatThrowOrReleaseOrDestroyTheTask) {
    EXPECT_EQ(v->taskMagicNumber(), 0xDEADDEADu);
    EXPECT_TRUE(sched_->registeredTasks().empty() && sched_->runnableTaskCount() == 0);
    v.reset();
-   EXPECT_EQ(sched_->deadTaskStatForTest("early").taskDeadCount(), 1u);
 }

@@ -20,8 +20,7 @@ using Korvo::TaskPriority;
 using ::testing::HasSubstr;
 
 // The scheduler's clock while one of these lives, moved only by advance().
-class FakeClock {
-public:
+struct FakeClock {
    FakeClock() {
       now_ = Korvo::TaskTimePoint(std::chrono::seconds(1000));
       Korvo::taskTimeSourceIs(&FakeClock::now);
@@ -29,15 +28,12 @@ public:
    ~FakeClock() { Korvo::taskTimeSourceIs(nullptr); }
    static Korvo::TaskTimePoint now() { return now_; }
    static void advance(Korvo::TaskDuration d) { now_ += d; }
-
-private:
    static inline Korvo::TaskTimePoint now_{};
 };
 
 // A scheduler under the root that the test drives: it counts run requests and
 // forced-yield notifications instead of asking the event loop.
-class TestScheduler : public Korvo::TaskScheduler {
-public:
+struct TestScheduler : Korvo::TaskScheduler {
    TestScheduler(const std::string& name, const std::shared_ptr<Korvo::TaskSchedulerRoot>& root)
        : TaskScheduler(name, root.get(), root->history()), rootRef_(root) {
       root->registerScheduler(this);
@@ -46,30 +42,24 @@ public:
    void requestSchedulerRun() override { ++runRequests; }
    void handleTaskForceYieldInTest() override { ++forceYieldNotifications; }
    int runRequests = 0, forceYieldNotifications = 0;
-
-private:
    std::shared_ptr<Korvo::TaskSchedulerRoot> rootRef_;
 };
 
 // A task whose work is a function of itself.
-class LambdaTask : public Korvo::Task {
-public:
+struct LambdaTask : Korvo::Task {
    using Body = std::function<void(LambdaTask&)>;
    LambdaTask(std::shared_ptr<Korvo::TaskScheduler> scheduler, TaskPriority priority,
               const std::string& name, Body body = {})
        : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
    void taskExecute() override {
       ++runs;
-      if (body_) {
+      if (body_)
          body_(*this);
-      }
    }
    void bodyIs(Body body) { body_ = std::move(body); }
    void handleTaskBusy() override { ++busyChanges; }
    void handleResetStats() override { ++resetCalls; }
    int runs = 0, busyChanges = 0, resetCalls = 0;
-
-private:
    Body body_;
 };
 
@@ -84,9 +74,8 @@ protected:
    }
    // Dispatches on `s` until nothing is queued there.
    static void drain(Korvo::TaskScheduler& s) {
-      while (s.runnableTaskCount() != 0) {
+      while (s.runnableTaskCount() != 0)
          s.handleSchedulerRun();
-      }
    }
    std::string lastEvent(unsigned back = 0) { return root_->history()->event(back).display(); }
 
@@ -98,9 +87,8 @@ protected:
 
 // Passes of the real loop: descriptors need no time, only passes (one task runs per pass).
 inline void pump(int passes = 20) {
-   for (int i = 0; i < passes; ++i) {
+   for (int i = 0; i < passes; ++i)
       Korvo::Platform::doEventLoop(0.0);
-   }
 }
 
 }  // namespace KorvoTest
