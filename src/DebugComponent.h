@@ -57,27 +57,30 @@ inline const DebugHandler& handlerRef(const Korvo::Impl::ComponentDebug& debug) 
    constinit ::Korvo::Impl::ComponentDebug var(name); \
    [[maybe_unused]] static const bool var##MadeAtLoad_ = (var.make(), true)
 
-// Traces "where:line msg" at `level` on `handler`, `where` being a literal
-// "Class::method": the line leads back to its site without the line-info field. For
-// member functions. The text is built in an out-of-line cold function, so that a hot
-// path that traces keeps a small frame and makes no call while the level is off; that
-// function copies what it prints, since a reference would pin those values to the
-// stack on the hot path too.
-#define KORVO_SITE_TRACE(handler, level, where, msg)                            \
+// KORVO_TRACE for hot member functions: the line is built in a cold out-of-line
+// function, so that a hot path that traces keeps a small frame and makes no call while
+// the level is off; that function copies what it prints, since a reference would pin
+// those values to the stack on the hot path too.
+#define KORVO_COLD_TRACE(handler, level, msg)                                   \
    do {                                                                         \
-      const ::Korvo::Platform::DebugHandler& korvoSiteH_ =                      \
+      const ::Korvo::Platform::DebugHandler& korvoColdH_ =                      \
           ::Korvo::Platform::Impl::handlerRef(handler);                         \
-      if (__builtin_expect(korvoSiteH_.enabled(level), 0)) {                    \
-         [ =, this, &korvoSiteH_, func = __func__, line = __LINE__ ]()          \
+      if (__builtin_expect(korvoColdH_.enabled(level), 0)) {                    \
+         [ =, this, &korvoColdH_, func = __func__, line = __LINE__ ]()          \
              __attribute__((noinline, cold)) {                                  \
             (void)this;                                                         \
-            ::Korvo::Platform::Impl::TraceStream korvoSiteL_;                   \
-            ::Korvo::Platform::DebugStream& korvoSiteS_ = korvoSiteL_.stream(); \
-            korvoSiteS_ << where ":" << line << " " << msg;                     \
-            korvoSiteH_.dump(korvoSiteS_, (level), __FILE__, line, func);       \
+            ::Korvo::Platform::Impl::TraceStream korvoColdL_;                   \
+            ::Korvo::Platform::DebugStream& korvoColdS_ = korvoColdL_.stream(); \
+            korvoColdS_ << msg;                                                 \
+            korvoColdH_.dump(korvoColdS_, (level), __FILE__, line, func);       \
          }                                                                      \
          ();                                                                    \
       }                                                                         \
    } while (0)
+
+// KORVO_COLD_TRACE of "where:line msg", `where` being a literal "Class::method": the
+// line leads back to its site without the line-info field.
+#define KORVO_SITE_TRACE(handler, level, where, msg) \
+   KORVO_COLD_TRACE(handler, level, where ":" << __LINE__ << " " << msg)
 
 #endif
