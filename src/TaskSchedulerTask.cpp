@@ -112,7 +112,10 @@ void TaskImpl::scheduleTask() {
    if (taskRunQueueLink_.isLinked()) {
       return;
    }
-   if ((runFlags_ & runFlagInRun) != 0 && busy_ && taskScheduler()->schedulerHasRunnableTasks()) {
+   // The shortcut needs the task still running, busy and not suspended, so that it
+   // changes nothing but the queue; anything else takes the full path below.
+   if ((runFlags_ & runFlagInRun) != 0 && busy_ && !taskSuspended() &&
+       taskScheduler()->schedulerHasRunnableTasks()) {
       scheduleInOwnRun();
       return;
    }
@@ -132,7 +135,7 @@ void TaskImpl::scheduleTask() {
 inline void TaskImpl::scheduleInOwnRun() {
    // The task cannot be picked before this run ends, so the run's end read stamps it
    // (taskDoRun) and no clock is read here. Nothing else changes: the task stays busy
-   // and its scheduler runnable. Suspension cannot be on: a suspended task does not run.
+   // and its scheduler runnable.
    KORVO_TASK_TRACE(8, "Scheduled " << this);
    recordEvent(runStart_, EventType::schedule);
    runFlags_ |= runFlagScheduledInRun;
